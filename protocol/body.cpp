@@ -1,0 +1,78 @@
+#include "protocol/body.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "lib/bounded.h"
+#include "protocol/stream.h"
+
+namespace {
+
+int call_writer(writer_fn writer, const resp_obj* resp, bool last, const char* buf, int len,
+                char (&error_text)[kWriterErrorSize]) {
+  int op = resp->type != kReplyFail ? (last ? kWriteEnd : kWriteBlock) : kWriteDiscard;
+  return writer != nullptr ? writer(op, buf, len, error_text, kWriterErrorSize) : 0;
+}
+
+}  // namespace
+
+bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* resp) {
+  std::printf("RcvData::Data Setup:\n");
+  char length_text[kArgumentSize];
+  char content_type[kArgumentSize];
+  svr_GetArgument(request, "content-length", length_text);
+  svr_GetArgument(request, "content-type", content_type);
+  long content_length = 0;
+  if (std::sscanf(length_text, "%ld", &content_length) != 1) content_length = 0;
+  std::printf("Content-Length = %ld\n\n", content_length);
+  char error_text[kWriterErrorSize] = {};
+
+  const unsigned long length = static_cast<unsigned long>(content_length);
+  unsigned long received = 0;
+  bool block_failed = false;
+  do {
+    char block[kBodyBlockSize] = {};
+    unsigned got = rx_stream_read(sock, block, sizeof block);
+    if (got == 0 && received < length) {
+      // The peer has closed: the rest of the body will never come.
+      std::printf("\n");
+      std::fprintf(stderr, "RcvData: connection closed after %lu of %ld bytes of data\n", received,
+                   content_length);
+      resp->type = kReplyFail;
+      call_writer(writer, resp, true, block, 0, error_text);
+      return false;
+    }
+    unsigned long useful = got;
+    if (received + got > length) {
+      rx_stream_unread(sock, static_cast<unsigned>(received + got - length));
+      useful = length - received;
+      // Deliberately (received + got) + (received - length): after an
+      // over-read that leaves the count below the length, the pushed-back
+      // bytes are read and handed on as well.
+      received = (received + got) + (received - length);
+    } else {
+      received += got;
+    }
+    if (useful == 0) continue;
+    std::printf("%ld / %ld (%d)        \r", static_cast<long>(received), content_length,
+                static_cast<int>(useful));
+    std::fflush(stdout);
+    if (call_writer(writer, resp, false, block, static_cast<int>(useful), error_text) != 0) {
+      block_failed = true;
+    }
+  } while (received < length);
+
+  std::printf("\n");
+  char empty_block[kBodyBlockSize] = {};
+  int last = call_writer(writer, resp, true, empty_block, 0, error_text);
+  if (last == 0 && !block_failed) {
+    std::printf("\n");
+    return true;
+  }
+  std::printf("\n");
+  resp->type = kReplyFail;
+  bounded_append(resp->text, " data write fn: (");
+  bounded_append(resp->text, std::string_view(error_text, bounded_length(error_text)));
+  bounded_append(resp->text, ")");
+  return true;
+}

@@ -1,0 +1,141 @@
+#include "server/listener.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "lib/signal_safe.h"
+#include "server/worker.h"
+
+namespace {
+
+int g_listen_socket = -1;
+unsigned short g_port = 10000;
+sockaddr_in g_address{};
+socklen_t g_address_length = 16;
+command_fn g_command_handler = nullptr;
+
+constexpr char kBang61[] = "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!";
+static_assert(sizeof kBang61 - 1 == 61);
+
+void broken_connection_handler(int /*sig*/) {
+  signal_safe_print(STDOUT_FILENO,
+                    "%s\nVESK_S: pid=%d NETWORK CONNECTION BROKEN !!!\n"
+                    "        ->check VESK-Timeout settings at client side !!!\n"
+                    "        The clients should't exit during communication.\n"
+                    "        I've a timeout parameter for this !\n%s\n",
+                    kBang61, getpid(), kBang61);
+  _exit(1);
+}
+
+void child_reaper(int /*sig*/) {
+  int saved_errno = errno;
+  int status = 0;
+  pid_t pid;
+  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+    if (WIFSIGNALED(status)) {
+      signal_safe_print(STDERR_FILENO, "VESK_S: WARNING pid=%d has exited with error state=%d. (%s)\n",
+                        pid, status, signal_description(status & 0x7f));
+    } else {
+      signal_safe_print(STDOUT_FILENO, "VESK_S: pid=%d has exited normally with state=%d.\n", pid,
+                        (status >> 8) & 0xff);
+    }
+  }
+  errno = saved_errno;
+}
+
+}  // namespace
+
+int svr_vesk_init(int /*debug_flag*/, command_fn handler, const char* port_text) {
+  struct sigaction sa {};
+  sa.sa_handler = broken_connection_handler;
+  sigemptyset(&sa.sa_mask);
+  if (sigaction(SIGPIPE, &sa, nullptr) != 0) {
+    std::fputs("FATAL: SIGPIPE setup catch routine failed.\n", stderr);
+  }
+  g_port = static_cast<unsigned short>(std::strtol(port_text, nullptr, 10));
+  if (init_network() != 0) return 1;
+  g_command_handler = handler;
+  return 0;
+}
+
+int init_network() {
+  g_listen_socket = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (g_listen_socket < 0) {
+    std::printf("error: cannot create socket");
+    return 1;
+  }
+  int one = 1;
+  if (setsockopt(g_listen_socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+      setsockopt(g_listen_socket, SOL_SOCKET, SO_REUSEPORT, &one, sizeof one) != 0) {
+    std::printf("WARNING: cant set socket options REUSE_ADDR PORT !");
+  }
+  setsockopt(g_listen_socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+
+  g_address.sin_family = AF_INET;
+  g_address.sin_addr.s_addr = htonl(INADDR_ANY);
+  g_address.sin_port = htons(g_port);
+  if (::bind(g_listen_socket, reinterpret_cast<sockaddr*>(&g_address), sizeof g_address) != 0) {
+    std::printf("error: can't bind protokoll to socket");
+    return 1;
+  }
+  return 0;
+}
+
+int svr_vesk_run() {
+  struct sigaction sa {};
+  sa.sa_handler = child_reaper;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+  if (sigaction(SIGCHLD, &sa, nullptr) != 0) std::printf("zombie signal");
+
+  if (::listen(g_listen_socket, 1) != 0) {
+    std::fputs("listen error", stderr);
+    return 1;
+  }
+  std::printf("Listening... ");
+  std::fflush(stdout);
+
+  for (;;) {
+    g_address_length = sizeof g_address;
+    int conn = ::accept(g_listen_socket, reinterpret_cast<sockaddr*>(&g_address), &g_address_length);
+    if (conn < 0) continue;
+    std::printf("\nVESK_S: pid=%d Connection from (%s:%d)\n", getpid(), inet_ntoa(g_address.sin_addr),
+                ntohs(g_address.sin_port));
+    std::fflush(stdout);
+
+    pid_t child = fork();
+    if (child == 0) {
+      // The worker has no use for the listening socket.
+      ::close(g_listen_socket);
+      serve_connection(conn, g_command_handler);
+      std::fflush(stdout);
+      std::fflush(stderr);
+      _exit(0);
+    }
+    if (child < 0) {
+      std::perror("fork() failed");
+    } else {
+      while (waitpid(-1, nullptr, WNOHANG) > 0) sleep(1);
+    }
+    ::close(conn);
+    std::printf("VESK_S: pid=%d Connection closed.\n", getpid());
+    std::fflush(stdout);
+  }
+}
+
+int svr_vesk_deinit() {
+  if (g_listen_socket >= 0) ::close(g_listen_socket);
+  g_listen_socket = -1;
+  return 0;
+}
+
+int svr_vesk_getLibVersion() { return 3; }

@@ -1,0 +1,73 @@
+// koltad: the remote process manager daemon.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "lib/signal_safe.h"
+#include "server/config.h"
+#include "server/dispatcher.h"
+#include "server/listener.h"
+
+namespace {
+
+void Usage() { std::printf("Usage:\n-d .. enable network debugging"); }
+
+// In force until the accept loop installs its own reaper.
+void startup_child_reaper(int /*sig*/) {
+  int status = 0;
+  pid_t pid;
+  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+    if (WIFSIGNALED(status)) {
+      signal_safe_print(STDERR_FILENO, "KOLTA: WARNING pid=%d has exited with error state=%d. (%s)\n",
+                        pid, status, signal_description(status & 0x7f));
+    } else {
+      signal_safe_print(STDOUT_FILENO, "KOLTA: pid=%d has exited normally with state=%d.\n", pid,
+                        (status >> 8) & 0xff);
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  std::printf("KOLTA Linux Remote Process Manager V 05.00  %s %s (VESK)\n", __DATE__, __TIME__);
+  std::printf("compiled-in options:\n");
+  std::printf("( ) supports concurrent client processing\n");
+  std::printf("( ) MULTITHREADED Clients.\n");
+  std::printf("\n");
+  int version = svr_vesk_getLibVersion();
+  std::printf("VESK-Server Library Version: %02x.%02x\n", version >> 16, version & 0xff);
+
+  int debug_flag = 0;
+  int opt;
+  while ((opt = getopt(argc, argv, "dhH")) != -1) {
+    if (opt == 'd') {
+      debug_flag = 1;
+    } else {
+      Usage();
+      std::fflush(stdout);
+      return 1;
+    }
+  }
+
+  get_config(&configstruct, kConfigPath);
+  if (svr_vesk_init(debug_flag, cmd_dispatcher, configstruct.port) != 0) {
+    std::printf("init failed.\n");
+    return 1;
+  }
+  std::fflush(stdout);
+  std::signal(SIGCHLD, SIG_DFL);
+
+  struct sigaction sa {};
+  sa.sa_handler = startup_child_reaper;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+  if (sigaction(SIGCHLD, &sa, nullptr) != 0) std::printf("zombie signal\n");
+
+  svr_vesk_run();
+  svr_vesk_deinit();
+  return 0;
+}

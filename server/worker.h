@@ -1,0 +1,11 @@
+// The connection worker: reads requests on one connection, dispatches them
+// and sends the replies, until a handler closes the connection.
+#pragma once
+
+#include "protocol/request.h"
+
+inline constexpr char kHeaderLimitsReason[] = "Error: request header exceeds limits !";
+
+// Serves the connection on `sock` with `handler`; returns when the worker is
+// done with it.
+void serve_connection(int sock, command_fn handler);
