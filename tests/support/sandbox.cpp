@@ -1,0 +1,228 @@
+#include "tests/support/sandbox.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "lib/unique_fd.h"
+
+namespace kolta_test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr char kPowerStub[] = "#!/bin/sh\necho \"$0 $*\" >> /etc/kolta/power.log\n";
+
+bool write_file(const std::string& path, std::string_view text, mode_t mode = 0644) {
+  unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode));
+  return fd.ok() && ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+bool overlay(const std::string& target, const std::string& upper, const std::string& work) {
+  std::string opts = "lowerdir=" + target + ",upperdir=" + upper + ",workdir=" + work;
+  return ::mount("overlay", target.c_str(), "overlay", 0, opts.c_str()) == 0;
+}
+
+bool wait_for(const std::string& file, std::string_view needle, int timeout_ms) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    if (read_file(file).find(needle) != std::string::npos) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(20ms);
+  }
+}
+
+}  // namespace
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+const std::string& sandbox_unavailable_reason() {
+  static const std::string reason = [] {
+    pid_t child = fork();
+    if (child == 0) {
+      if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) _exit(1);
+      if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(2);
+      if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) _exit(3);
+      _exit(0);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) return std::string("fork failed");
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return std::string();
+    static const char* const what[] = {"?", "unshare(CLONE_NEWNS|CLONE_NEWIPC) failed",
+                                       "making / private failed", "mounting a tmpfs failed"};
+    int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+    return std::string(what[code >= 1 && code <= 3 ? code : 0]);
+  }();
+  return reason;
+}
+
+int free_port() {
+  unique_fd fd(::socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  if (!fd.ok() || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+      ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+    return 0;
+  }
+  return ntohs(a.sin_port);
+}
+
+double cpu_seconds(pid_t pid) {
+  std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  std::size_t close = stat.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::istringstream fields(stat.substr(close + 2));
+  std::string skip;
+  for (int i = 3; i < 14; ++i) fields >> skip;  // state .. cmajflt
+  long utime = 0, stime = 0;
+  if (!(fields >> utime >> stime)) return -1;
+  return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+bool Sandbox::fail(std::string why) {
+  error_ = std::move(why);
+  if (pid_ > 0) error_ += "\n--- stdout ---\n" + out() + "\n--- stderr ---\n" + err();
+  return false;
+}
+
+bool Sandbox::start(const SandboxOptions& options) {
+  char tmpl[] = "/tmp/koltatest-XXXXXX";
+  if (::mkdtemp(tmpl) == nullptr) return fail("mkdtemp failed");
+  dir_ = tmpl;
+
+  std::string config = options.config;
+  if (std::size_t at = config.find("@PORT@"); at != std::string::npos) {
+    port_ = free_port();
+    config.replace(at, 6, std::to_string(port_));
+  }
+  std::error_code ec;
+  for (const char* sub : {"etc/kolta", "etc.work", "sbin", "sbin.work"}) fs::create_directories(dir_ + "/" + sub, ec);
+  if (!write_file(dir_ + "/etc/kolta/kolta.conf", config) ||
+      !write_file(dir_ + "/sbin/shutdown", kPowerStub, 0755) ||
+      !write_file(dir_ + "/sbin/init", kPowerStub, 0755)) {
+    return fail("cannot prepare " + dir_);
+  }
+
+  // Everything the child needs is prepared before the fork.
+  const std::string etc = dir_ + "/etc", etc_work = dir_ + "/etc.work";
+  const std::string sbin = dir_ + "/sbin", sbin_work = dir_ + "/sbin.work";
+  std::vector<std::string> args{KOLTAD_PATH};
+  args.insert(args.end(), options.args.begin(), options.args.end());
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  unique_fd out_log(::open((dir_ + "/stdout.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  unique_fd err_log(::open((dir_ + "/stderr.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!out_log.ok() || !err_log.ok()) return fail("cannot open the log files");
+
+  pid_ = fork();
+  if (pid_ < 0) return fail("fork failed");
+  if (pid_ == 0) {
+    ::dup2(err_log.get(), STDERR_FILENO);
+    auto die = [](const char* what) {
+      std::perror(what);
+      _exit(127);
+    };
+    if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) die("sandbox: unshare");
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) die("sandbox: private /");
+    if (!overlay("/etc", etc, etc_work)) die("sandbox: overlay /etc");
+    if (!overlay("/usr/sbin", sbin, sbin_work)) die("sandbox: overlay /usr/sbin");
+    if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) die("sandbox: tmpfs /tmp");
+    if (::setsid() < 0) die("sandbox: setsid");
+    ::dup2(out_log.get(), STDOUT_FILENO);
+    int devnull = ::open("/dev/null", O_RDONLY);
+    if (devnull >= 0) ::dup2(devnull, STDIN_FILENO);
+    ::execv(argv[0], argv.data());
+    die("sandbox: execv");
+  }
+
+  if (!options.wait_listening) return true;
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (out().find("Listening... ") == std::string::npos) {
+    if (wait_exit(0)) return fail("the daemon exited while starting");
+    if (std::chrono::steady_clock::now() >= deadline) return fail("no \"Listening... \" within 10 s");
+    std::this_thread::sleep_for(20ms);
+  }
+  return true;
+}
+
+std::string Sandbox::path(std::string_view path) const {
+  return "/proc/" + std::to_string(pid_) + "/root" + std::string(path);
+}
+
+std::string Sandbox::out() const { return read_file(dir_ + "/stdout.log"); }
+std::string Sandbox::err() const { return read_file(dir_ + "/stderr.log"); }
+std::string Sandbox::power_log() const { return read_file(dir_ + "/etc/kolta/power.log"); }
+
+bool Sandbox::wait_out(std::string_view needle, int timeout_ms) const {
+  return wait_for(dir_ + "/stdout.log", needle, timeout_ms);
+}
+bool Sandbox::wait_err(std::string_view needle, int timeout_ms) const {
+  return wait_for(dir_ + "/stderr.log", needle, timeout_ms);
+}
+
+std::vector<pid_t> Sandbox::children() const {
+  std::string p = std::to_string(pid_);
+  std::istringstream list(read_file("/proc/" + p + "/task/" + p + "/children"));
+  std::vector<pid_t> pids;
+  for (pid_t c; list >> c;) pids.push_back(c);
+  return pids;
+}
+
+std::optional<int> Sandbox::wait_exit(int timeout_ms) {
+  if (status_ || pid_ <= 0) return status_;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) return status_ = status;
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(10ms);
+  }
+}
+
+int Sandbox::stop(int timeout_s) {
+  if (pid_ <= 0) return -1;
+  if (!status_) {
+    ::kill(-pid_, SIGTERM);
+    if (!wait_exit(timeout_s * 1000)) {
+      ::kill(-pid_, SIGKILL);
+      wait_exit(10000);
+    }
+  }
+  // Workers left behind in the group go too; wait until none remains.
+  for (int i = 0; i < 100 && ::kill(-pid_, SIGKILL) == 0; ++i) std::this_thread::sleep_for(20ms);
+  return status_.value_or(-1);
+}
+
+Sandbox::~Sandbox() {
+  stop();
+  if (!dir_.empty()) {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+}
+
+}  // namespace kolta_test
