@@ -1,9 +1,11 @@
 #include "server/command_table.h"
 
+#include "commands/info.h"
+#include "procman/process_commands.h"
 #include "server/dispatcher.h"
 
 const command_entry cmd_table[kCommandCount + 1] = {
-    {"test", nullptr},
+    {"test", test_fn},
     {"server_setup", nullptr},
     {"server_reset", nullptr},
     {"reboot", nullptr},
@@ -12,15 +14,15 @@ const command_entry cmd_table[kCommandCount + 1] = {
     {"system_getDetails", nullptr},
     {"execute", nullptr},
     {"execute_getDetails", nullptr},
-    {"exec_exclusive_prepare", nullptr},
-    {"exec_exclusive", nullptr},
-    {"exec_exclusive_getDetails", nullptr},
-    {"process_start", nullptr},
-    {"process_stop", nullptr},
-    {"process_getState", nullptr},
-    {"process_getDetails", nullptr},
-    {"version", nullptr},
-    {"getCap", nullptr},
+    {"exec_exclusive_prepare", exec_exclusive_prepare_fn},
+    {"exec_exclusive", exec_exclusive_fn},
+    {"exec_exclusive_getDetails", exec_exclusive_getDetails_fn},
+    {"process_start", process_start_fn},
+    {"process_stop", process_stop_fn},
+    {"process_getState", process_getState_fn},
+    {"process_getDetails", process_getDetails_fn},
+    {"version", version_fn},
+    {"getCap", getCap_fn},
     {"getFile", nullptr},
     {"putFile", nullptr},
     {"remFile", nullptr},

@@ -68,7 +68,7 @@ int svr_vesk_init(int /*debug_flag*/, command_fn handler, const char* port_text)
 }
 
 int init_network() {
-  g_listen_socket = ::socket(AF_INET, SOCK_STREAM, 0);
+  g_listen_socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (g_listen_socket < 0) {
     std::printf("error: cannot create socket");
     return 1;
@@ -106,7 +106,9 @@ int svr_vesk_run() {
 
   for (;;) {
     g_address_length = sizeof g_address;
-    int conn = ::accept(g_listen_socket, reinterpret_cast<sockaddr*>(&g_address), &g_address_length);
+    // Programs that handlers start do not inherit the connection.
+    int conn = ::accept4(g_listen_socket, reinterpret_cast<sockaddr*>(&g_address), &g_address_length,
+                         SOCK_CLOEXEC);
     if (conn < 0) continue;
     std::printf("\nVESK_S: pid=%d Connection from (%s:%d)\n", getpid(), inet_ntoa(g_address.sin_addr),
                 ntohs(g_address.sin_port));

@@ -5,7 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "commands/setup.h"
 #include "lib/signal_safe.h"
+#include "procman/requests.h"
+#include "procman/task.h"
+#include "server/cleanup.h"
 #include "server/config.h"
 #include "server/dispatcher.h"
 #include "server/listener.h"
@@ -66,8 +70,26 @@ int main(int argc, char** argv) {
   sigemptyset(&sa.sa_mask);
   sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
   if (sigaction(SIGCHLD, &sa, nullptr) != 0) std::printf("zombie signal\n");
+  install_cleanup_handlers();
+
+  pid_t task = fork();
+  if (task < 0) {
+    std::printf("FATAL ERROR: can't fork %d.\n", task);
+    return 1;
+  }
+  if (task == 0) {
+    svr_vesk_deinit();  // the task and its programs have no use for the listening socket
+    std::printf("%u ProcessManager Task started.\n", static_cast<unsigned>(getpid()));
+    std::fflush(stdout);
+    pm_run();
+    std::printf("ProcessManager Task stopped.\n");
+    std::fflush(stdout);
+    std::exit(1);
+  }
+  gProcessManagerPid = task;
+  init_kolta();
 
   svr_vesk_run();
   svr_vesk_deinit();
-  return 0;
+  kolta_cleanup(0);
 }

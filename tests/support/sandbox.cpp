@@ -6,14 +6,15 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -31,21 +32,13 @@ constexpr char kPowerStub[] = "#!/bin/sh\necho \"$0 $*\" >> /etc/kolta/power.log
 
 bool write_file(const std::string& path, std::string_view text, mode_t mode = 0644) {
   unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode));
-  return fd.ok() && ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  return fd.ok() &&
+         ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 bool overlay(const std::string& target, const std::string& upper, const std::string& work) {
   std::string opts = "lowerdir=" + target + ",upperdir=" + upper + ",workdir=" + work;
   return ::mount("overlay", target.c_str(), "overlay", 0, opts.c_str()) == 0;
-}
-
-bool wait_for(const std::string& file, std::string_view needle, int timeout_ms) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    if (read_file(file).find(needle) != std::string::npos) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(20ms);
-  }
 }
 
 }  // namespace
@@ -61,18 +54,13 @@ const std::string& sandbox_unavailable_reason() {
   static const std::string reason = [] {
     pid_t child = fork();
     if (child == 0) {
-      if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) _exit(1);
-      if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(2);
-      if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) _exit(3);
-      _exit(0);
+      _exit(::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0);
     }
     int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child) return std::string("fork failed");
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return std::string();
-    static const char* const what[] = {"?", "unshare(CLONE_NEWNS|CLONE_NEWIPC) failed",
-                                       "making / private failed", "mounting a tmpfs failed"};
-    int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
-    return std::string(what[code >= 1 && code <= 3 ? code : 0]);
+    if (child > 0 && waitpid(child, &status, 0) == child && status == 0) return std::string();
+    return std::string("unshare(CLONE_NEWNS|CLONE_NEWIPC) and a private tmpfs mount failed");
   }();
   return reason;
 }
@@ -104,7 +92,7 @@ double cpu_seconds(pid_t pid) {
 
 bool Sandbox::fail(std::string why) {
   error_ = std::move(why);
-  if (pid_ > 0) error_ += "\n--- stdout ---\n" + out() + "\n--- stderr ---\n" + err();
+  if (pid_ > 0) error_ += "\n--- stdout ---\n" + log() + "\n--- stderr ---\n" + log(Log::err);
   return false;
 }
 
@@ -119,7 +107,8 @@ bool Sandbox::start(const SandboxOptions& options) {
     config.replace(at, 6, std::to_string(port_));
   }
   std::error_code ec;
-  for (const char* sub : {"etc/kolta", "etc.work", "sbin", "sbin.work"}) fs::create_directories(dir_ + "/" + sub, ec);
+  for (const char* sub : {"etc/kolta", "etc.work", "sbin", "sbin.work"})
+    fs::create_directories(dir_ + "/" + sub, ec);
   if (!write_file(dir_ + "/etc/kolta/kolta.conf", config) ||
       !write_file(dir_ + "/sbin/shutdown", kPowerStub, 0755) ||
       !write_file(dir_ + "/sbin/init", kPowerStub, 0755)) {
@@ -134,10 +123,14 @@ bool Sandbox::start(const SandboxOptions& options) {
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
-  unique_fd out_log(::open((dir_ + "/stdout.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  unique_fd err_log(::open((dir_ + "/stderr.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  unique_fd out_log(
+      ::open((dir_ + "/stdout.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  unique_fd err_log(
+      ::open((dir_ + "/stderr.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!out_log.ok() || !err_log.ok()) return fail("cannot open the log files");
 
+  // Workers orphaned by the daemon's end become ours, so stop() can reap them.
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   pid_ = fork();
   if (pid_ < 0) return fail("fork failed");
   if (pid_ == 0) {
@@ -146,8 +139,10 @@ bool Sandbox::start(const SandboxOptions& options) {
       std::perror(what);
       _exit(127);
     };
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // no daemon outlives a crashed test
     if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) die("sandbox: unshare");
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) die("sandbox: private /");
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      die("sandbox: private /");
     if (!overlay("/etc", etc, etc_work)) die("sandbox: overlay /etc");
     if (!overlay("/usr/sbin", sbin, sbin_work)) die("sandbox: overlay /usr/sbin");
     if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) die("sandbox: tmpfs /tmp");
@@ -160,28 +155,37 @@ bool Sandbox::start(const SandboxOptions& options) {
   }
 
   if (!options.wait_listening) return true;
-  auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (out().find("Listening... ") == std::string::npos) {
-    if (wait_exit(0)) return fail("the daemon exited while starting");
-    if (std::chrono::steady_clock::now() >= deadline) return fail("no \"Listening... \" within 10 s");
-    std::this_thread::sleep_for(20ms);
+  if (wait_log("Listening... ", 10000)) {
+    initial_children_ = children();
+    return true;
   }
-  return true;
+  return fail(wait_exit(0) ? "the daemon exited while starting"
+                           : "no \"Listening... \" within 10 s");
 }
 
 std::string Sandbox::path(std::string_view path) const {
   return "/proc/" + std::to_string(pid_) + "/root" + std::string(path);
 }
 
-std::string Sandbox::out() const { return read_file(dir_ + "/stdout.log"); }
-std::string Sandbox::err() const { return read_file(dir_ + "/stderr.log"); }
-std::string Sandbox::power_log() const { return read_file(dir_ + "/etc/kolta/power.log"); }
-
-bool Sandbox::wait_out(std::string_view needle, int timeout_ms) const {
-  return wait_for(dir_ + "/stdout.log", needle, timeout_ms);
+std::string Sandbox::log(Log which) const {
+  switch (which) {
+    case Log::out:
+      return read_file(dir_ + "/stdout.log");
+    case Log::err:
+      return read_file(dir_ + "/stderr.log");
+    case Log::power:
+      return read_file(dir_ + "/etc/kolta/power.log");
+  }
+  return {};
 }
-bool Sandbox::wait_err(std::string_view needle, int timeout_ms) const {
-  return wait_for(dir_ + "/stderr.log", needle, timeout_ms);
+
+bool Sandbox::wait_log(std::string_view needle, int timeout_ms, Log which) const {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    if (log(which).find(needle) != std::string::npos) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(20ms);
+  }
 }
 
 std::vector<pid_t> Sandbox::children() const {
@@ -189,6 +193,12 @@ std::vector<pid_t> Sandbox::children() const {
   std::istringstream list(read_file("/proc/" + p + "/task/" + p + "/children"));
   std::vector<pid_t> pids;
   for (pid_t c; list >> c;) pids.push_back(c);
+  return pids;
+}
+
+std::vector<pid_t> Sandbox::workers() const {
+  std::vector<pid_t> pids = children();
+  std::erase_if(pids, [this](pid_t p) { return std::ranges::count(initial_children_, p) != 0; });
   return pids;
 }
 
@@ -213,7 +223,12 @@ int Sandbox::stop(int timeout_s) {
     }
   }
   // Workers left behind in the group go too; wait until none remains.
-  for (int i = 0; i < 100 && ::kill(-pid_, SIGKILL) == 0; ++i) std::this_thread::sleep_for(20ms);
+  for (int i = 0; i < 200 && ::kill(-pid_, SIGKILL) == 0; ++i) {
+    while (waitpid(-pid_, nullptr, WNOHANG) > 0) {
+    }
+    if (::kill(-pid_, 0) != 0) break;
+    std::this_thread::sleep_for(10ms);
+  }
   return status_.value_or(-1);
 }
 

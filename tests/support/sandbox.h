@@ -3,6 +3,7 @@
 // command stubs), a private /tmp, and its own session and process group.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <optional>
@@ -10,18 +11,14 @@
 #include <string_view>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 namespace kolta_test {
 
 // Empty when namespaces and mounts are usable here, else why they are not.
 const std::string& sandbox_unavailable_reason();
 
-#define KOLTA_REQUIRE_SANDBOX()                                                         \
-  do {                                                                                  \
-    if (!::kolta_test::sandbox_unavailable_reason().empty())                            \
-      GTEST_SKIP() << "needs root namespaces: " << ::kolta_test::sandbox_unavailable_reason(); \
-  } while (0)
+#define KOLTA_REQUIRE_SANDBOX()                                                          \
+  if (const std::string& why = ::kolta_test::sandbox_unavailable_reason(); !why.empty()) \
+  GTEST_SKIP() << "needs root and namespaces: " << why
 
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_port();
@@ -56,14 +53,18 @@ class Sandbox {
   // Host-side path of `path` as the daemon sees it.
   std::string path(std::string_view path) const;
 
-  std::string out() const;  // stdout log so far
-  std::string err() const;  // stderr log so far
-  std::string power_log() const;  // lines the shutdown/init stubs wrote
-  bool wait_out(std::string_view needle, int timeout_ms = 10000) const;
-  bool wait_err(std::string_view needle, int timeout_ms = 10000) const;
+  // The daemon's stdout or stderr so far, or the lines its shutdown and
+  // init stubs wrote ("$0 $*" each).
+  enum class Log { out, err, power };
+  std::string log(Log which = Log::out) const;
+  // Polls the log until it contains `needle`; false on timeout.
+  bool wait_log(std::string_view needle, int timeout_ms = 10000, Log which = Log::out) const;
 
-  // The daemon's live children (its connection workers and what they run).
+  // The daemon's live children.
   std::vector<pid_t> children() const;
+  // Its children that were not there yet when it was listening: the workers
+  // of the connections.
+  std::vector<pid_t> workers() const;
 
   // Waits for the daemon to exit; its wait status, or nullopt on timeout.
   std::optional<int> wait_exit(int timeout_ms);
@@ -77,6 +78,7 @@ class Sandbox {
   pid_t pid_ = -1;
   int port_ = 0;
   std::optional<int> status_;
+  std::vector<pid_t> initial_children_;
 };
 
 }  // namespace kolta_test

@@ -1,0 +1,380 @@
+#include "procman/task.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "lib/bounded.h"
+#include "lib/ctnr.h"
+#include "lib/signal_safe.h"
+#include "lib/split_args.h"
+
+namespace {
+
+ctnr_node* g_registry = nullptr;
+
+// The signals whose handlers read or change the registry. They are held
+// while the loop changes the registry, so a handler always sees it whole.
+sigset_t task_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGCHLD);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  return set;
+}
+
+class signals_held {
+ public:
+  signals_held() {
+    sigset_t set = task_signals();
+    sigprocmask(SIG_BLOCK, &set, &saved_);
+  }
+  ~signals_held() { sigprocmask(SIG_SETMASK, &saved_, nullptr); }
+  signals_held(const signals_held&) = delete;
+  signals_held& operator=(const signals_held&) = delete;
+
+  // Lets the held signals in for up to a second, or until the process's
+  // state changes.
+  void wait_one_second(const pm_process& rec) const {
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += 1;
+    sigprocmask(SIG_SETMASK, &saved_, nullptr);
+    while (rec.state == kStateRunning &&
+           clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+    sigset_t set = task_signals();
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+  }
+
+ private:
+  sigset_t saved_;
+};
+
+template <std::size_t N, std::size_t M>
+void copy_field(char (&dst)[N], const char (&src)[M]) {
+  bounded_copy(dst, std::string_view(src, bounded_length(src)));
+}
+
+pm_process* find_process(std::int32_t pid, int* position = nullptr) {
+  int pos = search_ctnr(g_registry, pm_match_pid, &pid);
+  if (position != nullptr) *position = pos;
+  return static_cast<pm_process*>(get_ctnr(g_registry, static_cast<std::uint32_t>(pos)));
+}
+
+void report_internal_error(int cmd) {
+  std::fprintf(stderr, "%d: FATAL !! - ProcessManager internal error (CMD: %d Error: %d)!\n",
+               getpid(), cmd, 1);
+}
+
+void send_answer(pm_msg* answer, std::int32_t requester, std::int32_t cmd) {
+  answer->mtype = requester;
+  answer->body.request.sender_pid = requester;
+  answer->body.request.cmd = cmd;
+  int queue = msgget(kPmQueueKey, kPmQueueFlags);
+  if (queue < 0) {
+    std::fputs("FATAL: Error in msgget", stderr);
+    report_internal_error(cmd);
+    return;
+  }
+  if (msgsnd(queue, answer, kPmBodySize, 0) != 0) {
+    std::fprintf(stderr, "Error in msgsnd. (%s)\n", std::strerror(errno));
+    report_internal_error(cmd);
+  }
+}
+
+void handle_state_query(const pm_request& req, pm_msg* answer) {
+  signals_held held;
+  pm_state_answer& a = answer->body.state;
+  const pm_process* rec = find_process(req.target_pid);
+  if (rec == nullptr) {
+    a.state = kStateUnknown;
+    bounded_copy(a.text, "your requested process id doesn't exist !");
+    return;
+  }
+  a.state = rec->state;
+  a.pid = rec->pid;
+  copy_field(a.env_path, rec->env_path);
+  copy_field(a.cmd_path, rec->cmd);
+  copy_field(a.args, rec->args);
+  a.exit_code = rec->exit_code;
+  copy_field(a.stdout_file, rec->stdout_file);
+  copy_field(a.stderr_file, rec->stderr_file);
+  copy_field(a.text, rec->msg);
+}
+
+[[noreturn]] void exec_child(const pm_process& rec, const pm_request& req) {
+  char args[kPmPathSize];
+  copy_field(args, req.args);
+  char* argv[kMaxArgumentWords + 2] = {};
+  argv[0] = const_cast<char*>(rec.cmd);
+  split_arguments(args, std::span<char*>(argv + 1, kMaxArgumentWords));
+
+  char stdout_file[kPmPathSize];
+  char stderr_file[kPmPathSize];
+  bounded_format(stdout_file, "/tmp/kolta-bkprocess-stdout.%d", getpid());
+  bounded_format(stderr_file, "/tmp/kolta-bkprocess-stderr.%d", getpid());
+  // Only a descriptor of 0 counts as a failure here; a failed open leaves the
+  // task's own output in place.
+  int out = open(stdout_file, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
+  if (out == 0) {
+    std::fputs("ERROR opening stdout !", stdout);
+    std::fflush(stdout);
+    _exit(1);
+  }
+  int err = open(stderr_file, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
+  if (err == 0) {
+    std::fputs("ERROR opening stderr !", stdout);
+    std::fflush(stdout);
+    _exit(1);
+  }
+  dup2(out, STDOUT_FILENO);
+  dup2(err, STDERR_FILENO);
+  if (out > STDERR_FILENO) close(out);
+  if (err > STDERR_FILENO) close(err);
+
+  execv(rec.cmd, argv);
+  std::fprintf(stderr, "FATAL: process exited unexpected.! (%s)\n", std::strerror(errno));
+  std::fflush(stderr);
+  _exit(-1);
+}
+
+// Answers only when the answer should be sent.
+bool handle_launch(const pm_request& req, pm_msg* answer) {
+  pm_launch_answer& a = answer->body.launch;
+  auto* rec = static_cast<pm_process*>(std::calloc(1, sizeof(pm_process)));
+  if (rec == nullptr) {
+    a.failed = 1;
+    bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(ENOMEM));
+    return true;
+  }
+  copy_field(rec->env_path, req.env_path);
+  copy_field(rec->cmd, req.cmd_path);
+  copy_field(rec->args, req.args);
+  rec->state = kStateRunning;
+
+  std::fflush(stdout);
+  std::fflush(stderr);
+  signals_held held;
+  pid_t pid = fork();
+  if (pid < 0) {
+    bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(errno));
+    a.failed = 1;
+    std::free(rec);
+    return true;
+  }
+  if (pid == 0) {
+    // The program gets the default signal handling and an open mask.
+    std::signal(SIGCHLD, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGINT, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    exec_child(*rec, req);
+  }
+  rec->pid = pid;
+  rec->manager_pid = getpid();
+  bounded_format(rec->stdout_file, "/tmp/kolta-bkprocess-stdout.%d", pid);
+  bounded_format(rec->stderr_file, "/tmp/kolta-bkprocess-stderr.%d", pid);
+  push_ctnr(g_registry, rec);
+  copy_field(a.text, rec->msg);
+  a.pid = pid;
+  a.failed = rec->state == kStateRunning ? 0 : 1;
+  return true;
+}
+
+void handle_kill(const pm_request& req, pm_msg* answer) {
+  signals_held held;
+  pm_kill_answer& a = answer->body.kill;
+  pm_process* rec = find_process(req.target_pid);
+  if (rec == nullptr) {
+    a.failed = 1;
+    bounded_copy(a.text, "PM: process doesn't exist - what should I stop - tell me !");
+    return;
+  }
+  copy_field(a.env_path, rec->env_path);
+  copy_field(a.cmd_path, rec->cmd);
+  copy_field(a.args, rec->args);
+  if (rec->state != kStateRunning) {
+    a.failed = 1;
+    bounded_copy(a.text, "PM: process isn't running - what should I stop - check state !");
+    return;
+  }
+  kill(rec->pid, SIGTERM);
+  if (rec->state == kStateRunning) {
+    held.wait_one_second(*rec);
+    int countdown = 5;
+    while (rec->state == kStateRunning) {
+      --countdown;
+      held.wait_one_second(*rec);
+      if (countdown == 0) kill(rec->pid, SIGKILL);
+    }
+  }
+  a.failed = 0;
+  a.pid = rec->pid;
+  a.state = rec->state;
+  a.exit_code = rec->exit_code;
+  copy_field(a.text, rec->msg);
+  copy_field(a.stdout_file, rec->stdout_file);
+  copy_field(a.stderr_file, rec->stderr_file);
+}
+
+void handle_list_entry(const pm_request& req, pm_msg* answer) {
+  signals_held held;
+  pm_list_answer& a = answer->body.list;
+  a.count = level_ctnr(g_registry);
+  if (req.target_pid < 0) return;
+  const pm_process* rec = find_process(req.target_pid);
+  if (rec == nullptr) {
+    a.state = kStateUnknown;
+    bounded_copy(a.text, "PM: process doesn't exist !");
+    return;
+  }
+  a.state = rec->state;
+  a.pid = rec->pid;
+  copy_field(a.env_path, rec->env_path);
+  copy_field(a.cmd_path, rec->cmd);
+  copy_field(a.args, rec->args);
+}
+
+void handle_process_remove(const pm_request& req) {
+  pm_process* rec = nullptr;
+  {
+    signals_held held;
+    int pos = -1;
+    if (find_process(req.target_pid, &pos) != nullptr) {
+      rec = static_cast<pm_process*>(remove_at_ctnr(g_registry, static_cast<std::uint32_t>(pos)));
+    }
+  }
+  if (rec == nullptr) {
+    std::fprintf(stderr, "PM::handle_process_remove->unknown process has been ignored ! (PID=%d)\n",
+                 req.target_pid);
+    report_internal_error(kPmRemove);
+    return;
+  }
+  unlink(rec->stderr_file);
+  unlink(rec->stdout_file);
+  std::free(rec);
+}
+
+void handle_message(const pm_msg& msg) {
+  const pm_request& req = msg.body.request;
+  const std::int32_t requester = req.sender_pid;
+  auto answer = static_cast<pm_msg*>(std::calloc(1, sizeof(pm_msg)));
+  if (answer == nullptr) return;
+  bool send = true;
+  switch (req.cmd) {
+    case kPmStateQuery:
+      handle_state_query(req, answer);
+      break;
+    case kPmLaunch:
+      send = handle_launch(req, answer);
+      break;
+    case kPmKill:
+      handle_kill(req, answer);
+      break;
+    case kPmListEntry:
+      handle_list_entry(req, answer);
+      break;
+    case kPmRemove:
+      handle_process_remove(req);
+      send = false;
+      break;
+    default:
+      std::fputs("pm_handleMessage: ERROR: dont know what you mean !\n", stderr);
+      send = false;
+      break;
+  }
+  if (send) send_answer(answer, requester, req.cmd);
+  std::free(answer);
+}
+
+// SIGCHLD: records how the task's children ended.
+void pm_event(int /*sig*/) {
+  int saved_errno = errno;
+  int status = 0;
+  pid_t pid;
+  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+    std::int32_t key = pid;
+    auto* rec = static_cast<pm_process*>(
+        get_ctnr(g_registry, static_cast<std::uint32_t>(search_ctnr(g_registry, pm_match_pid, &key))));
+    if (rec == nullptr) continue;
+    if ((status & 0x7f) != 0) {
+      rec->exit_code = status & 0x7f;
+      bounded_copy(rec->msg, signal_description(status & 0x7f));
+      rec->state = kStateDied;
+    } else {
+      rec->exit_code = (status >> 8) & 0xff;
+      rec->state = status == 0 ? kStatePassed : kStateFailed;
+    }
+  }
+  errno = saved_errno;
+}
+
+// SIGTERM, SIGINT: deletes the output files of every process that no client
+// removed, removes the queue and ends the task.
+void pm_cleanup(int /*sig*/) {
+  signal_safe_print(STDOUT_FILENO, "\nPM: cleanup ..\n");
+  for (std::uint32_t i = 0;; ++i) {
+    auto* rec = static_cast<pm_process*>(get_ctnr(g_registry, i));
+    if (rec == nullptr) break;
+    signal_safe_print(STDOUT_FILENO, "WARNING: Process (PID=%d) was not used properly.\n", rec->pid);
+    unlink(rec->stderr_file);
+    unlink(rec->stdout_file);
+  }
+  if (msgctl(msgget(kPmQueueKey, kPmQueueFlags), IPC_RMID, nullptr) != 0) {
+    signal_safe_print(STDERR_FILENO, "Remove IPC Message Queue failed: %s\n",
+                      strerrordesc_np(errno));
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+int pm_match_pid(const void* key, const void* item) {
+  return *static_cast<const std::int32_t*>(key) == static_cast<const pm_process*>(item)->pid ? 0 : 1;
+}
+
+int pm_run() {
+  g_registry = new_ctnr();
+  if (g_registry == nullptr) return 1;
+
+  struct sigaction sa {};
+  sa.sa_handler = pm_event;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+  if (sigaction(SIGCHLD, &sa, nullptr) != 0) std::fputs("zombie signal\n", stderr);
+
+  struct sigaction stop {};
+  stop.sa_handler = pm_cleanup;
+  stop.sa_mask = task_signals();
+  sigaction(SIGTERM, &stop, nullptr);
+  sigaction(SIGINT, &stop, nullptr);
+
+  pm_msg msg{};
+  for (;;) {
+    int queue = msgget(kPmQueueKey, kPmQueueFlags);
+    if (queue < 0) {
+      std::fputs("PM: error in msgget !\n", stderr);
+      std::fflush(stdout);
+      usleep(100000);  // try again soon, without spinning
+      continue;
+    }
+    if (msgrcv(queue, &msg, kPmBodySize, kPmRequestType, 0) < 0) {
+      usleep(100);
+      std::fflush(stdout);
+      continue;
+    }
+    handle_message(msg);
+    std::fflush(stdout);
+  }
+}
