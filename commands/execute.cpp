@@ -1,0 +1,180 @@
+#include "commands/execute.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "commands/output_fetch.h"
+#include "commands/setup.h"
+#include "lib/bounded.h"
+#include "lib/split_args.h"
+#include "lib/unique_fd.h"
+#include "protocol/stream.h"
+
+int gExecRC = 0;
+
+namespace {
+
+constexpr int kMaxArgumentWords = 62;
+
+char gExecBuf[kOutputFetchMax + 1];
+
+[[noreturn]] void run_program(char* const argv[]) {
+  int out = open(kExecuteStdoutFile, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
+  if (out == 0) {
+    std::fputs("ERROR opening stdout !", stdout);
+    std::fflush(stdout);
+    _exit(1);
+  }
+  int err = open(kExecuteStderrFile, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
+  if (err == 0) {
+    std::fputs("ERROR opening stderr !", stdout);
+    std::fflush(stdout);
+    _exit(1);
+  }
+  dup2(out, STDOUT_FILENO);
+  dup2(err, STDERR_FILENO);
+  if (out > STDERR_FILENO) close(out);
+  if (err > STDERR_FILENO) close(err);
+  // The worker's handlers stay behind: the program starts with the defaults.
+  std::signal(SIGTERM, SIG_DFL);
+  std::signal(SIGHUP, SIG_DFL);
+  std::signal(SIGINT, SIG_DFL);
+  std::signal(SIGPIPE, SIG_DFL);
+  execv(argv[0], argv);
+  std::fprintf(stderr, "FATAL: process exited unexpected.! (%s)\n", std::strerror(errno));
+  std::fflush(stderr);
+  _exit(-1);
+}
+
+// Blocks until the program may have ended or `until` (a time() value) has
+// come, whichever is first. Without a process descriptor it falls back to a
+// short sleep.
+void wait_for_exit_or(int pidfd, time_t until) {
+  if (pidfd < 0) {
+    usleep(1000);
+    return;
+  }
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  long long ms = (static_cast<long long>(until) - now.tv_sec) * 1000 - now.tv_nsec / 1000000;
+  if (ms < 1) ms = 1;
+  if (ms > INT_MAX) ms = INT_MAX;
+  pollfd pfd{pidfd, POLLIN, 0};
+  poll(&pfd, 1, static_cast<int>(ms));
+}
+
+// Waits for the program; ends it when it outlives the limit (SIGTERM, two
+// seconds, SIGKILL, again until it has been collected). The limit is taken
+// in whole seconds of time(), as an unsigned number. Returns its status.
+int wait_with_limit(pid_t pid, int limit) {
+  unique_fd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  const time_t start = time(nullptr);
+  const unsigned long long limit_s = static_cast<unsigned>(limit);
+  const time_t until = start + static_cast<time_t>(limit_s > LLONG_MAX / 2 ? LLONG_MAX / 2 : limit_s);
+  int status = 0;
+  for (;;) {
+    pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r != 0) return status;
+    double elapsed = difftime(time(nullptr), start);
+    if (elapsed < static_cast<double>(limit_s)) {
+      wait_for_exit_or(pidfd.get(), until);
+      continue;
+    }
+    std::fprintf(stderr, "TIMEOUT ! killing task (%f s)\n", static_cast<double>(static_cast<float>(elapsed)));
+    kill(pid, SIGTERM);
+    sleep(2);
+    kill(pid, SIGKILL);
+    usleep(1000);
+  }
+}
+
+// Opens an output file for the reply; -1 (after the log line) when it cannot.
+int open_for_reply(const char* path, const char* what) {
+  int fd = open(path, O_RDONLY | O_SYNC);
+  if (fd <= 0) {
+    if (fd == 0) close(fd);
+    std::printf("ERROR opening %s !\n", what);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+int execute_fn(vesk_request* request, resp_obj* resp) {
+  std::span<char> reason(resp->text, kReplyTextBound);
+  gExecRC = 0;
+  int limit = kDefaultExecuteTimeout;
+  char cmd[kArgumentSize];
+  char args[kArgumentSize];
+  char timeout[kArgumentSize];
+  svr_GetArgument(request, "cmd", cmd);
+  svr_GetArgument(request, "args", args);
+  if (svr_GetArgument(request, "timeout", timeout) != 0) std::sscanf(timeout, "%d", &limit);
+  std::printf("%d: Execute: cmd: [%s] args: [%s] Timeout=%d s\n", getpid(), cmd, args, limit);
+  std::fflush(stdout);
+
+  char* argv[kMaxArgumentWords + 2] = {};
+  argv[0] = cmd;
+  split_arguments(args, std::span<char*>(argv + 1, kMaxArgumentWords));
+
+  std::fflush(stdout);
+  std::signal(SIGCHLD, SIG_DFL);
+  pid_t pid = fork();
+  if (pid == 0) run_program(argv);
+  if (pid < 0) {
+    resp->type = kReplyFail;
+    bounded_format(reason, "%d: fatal error: cannot start external process", pid);
+    std::fprintf(stderr, "ERROR: %s\n", resp->text);
+    std::fflush(stderr);
+    return 1;
+  }
+
+  int status = wait_with_limit(pid, limit);
+  if ((status & 0x7f) != 0) {
+    resp->type = kReplyFail;
+    bounded_format(reason, "%d: Execution failed (%s)", pid, strsignal(status & 0x7f));
+    return 1;
+  }
+  gExecRC = (status >> 8) & 0xff;
+  if (ffilelength(kExecuteStderrFile) > 0) gExecRC |= 1;
+
+  if (gSetup.exec_type == kExecRod) {
+    resp->type = kReplySuccess;
+    return 1;
+  }
+  if (gSetup.exec_type != kExecRmd) return 1;
+
+  const bool ok = gExecRC == 0;
+  unique_fd fd(open_for_reply(ok ? kExecuteStdoutFile : kExecuteStderrFile, ok ? "stdout" : "stderr"));
+  if (!fd.ok()) {
+    resp->type = kReplyFail;
+    bounded_copy(reason, ok ? "STDOUT PIPE ERROR !" : "STDERR PIPE ERROR !");
+    return 0;
+  }
+  if (ok) {
+    resp->type = kReplyData;
+    bounded_copy(resp->content_type, "text/plain");
+  } else {
+    resp->type = kReplyFail;
+    bounded_format(reason, "RC=%d", gExecRC);
+    std::memset(gExecBuf, 0, kOutputFetchMax);
+  }
+  ssize_t n = read(fd.get(), gExecBuf, kOutputFetchMax);
+  resp->data.ptr = gExecBuf;
+  resp->data.size = n > 0 ? static_cast<std::int32_t>(n) : 0;
+  return 1;
+}
+
+int execute_getDetails_fn(vesk_request* request, resp_obj* resp) {
+  return fetch_output(request, resp, {kExecuteStdoutFile, kExecuteStderrFile}, gExecRC, gExecBuf);
+}
