@@ -15,6 +15,7 @@
 #include "commands/output_fetch.h"
 #include "commands/setup.h"
 #include "lib/bounded.h"
+#include "lib/launch.h"
 #include "lib/split_args.h"
 #include "lib/unique_fd.h"
 #include "protocol/stream.h"
@@ -26,34 +27,6 @@ namespace {
 constexpr int kMaxArgumentWords = 62;
 
 char gExecBuf[kOutputFetchMax + 1];
-
-[[noreturn]] void run_program(char* const argv[]) {
-  int out = open(kExecuteStdoutFile, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
-  if (out == 0) {
-    std::fputs("ERROR opening stdout !", stdout);
-    std::fflush(stdout);
-    _exit(1);
-  }
-  int err = open(kExecuteStderrFile, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
-  if (err == 0) {
-    std::fputs("ERROR opening stderr !", stdout);
-    std::fflush(stdout);
-    _exit(1);
-  }
-  dup2(out, STDOUT_FILENO);
-  dup2(err, STDERR_FILENO);
-  if (out > STDERR_FILENO) close(out);
-  if (err > STDERR_FILENO) close(err);
-  // The worker's handlers stay behind: the program starts with the defaults.
-  std::signal(SIGTERM, SIG_DFL);
-  std::signal(SIGHUP, SIG_DFL);
-  std::signal(SIGINT, SIG_DFL);
-  std::signal(SIGPIPE, SIG_DFL);
-  execv(argv[0], argv);
-  std::fprintf(stderr, "FATAL: process exited unexpected.! (%s)\n", std::strerror(errno));
-  std::fflush(stderr);
-  _exit(-1);
-}
 
 // Blocks until the program may have ended or `until` (a time() value) has
 // come, whichever is first. Without a process descriptor it falls back to a
@@ -130,7 +103,7 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
   std::fflush(stdout);
   std::signal(SIGCHLD, SIG_DFL);
   pid_t pid = fork();
-  if (pid == 0) run_program(argv);
+  if (pid == 0) exec_with_output_files(kExecuteStdoutFile, kExecuteStderrFile, argv);
   if (pid < 0) {
     resp->type = kReplyFail;
     bounded_format(reason, "%d: fatal error: cannot start external process", pid);

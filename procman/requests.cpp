@@ -18,30 +18,33 @@ void wake_up(int /*sig*/) {}
 
 bool task_alive() { return gProcessManagerPid == 0 || ::kill(gProcessManagerPid, 0) == 0; }
 
-// Waits for the answer addressed to this process. A one-second timer
-// interrupts the wait so that a task that has gone away is noticed; a live
-// task is waited for however long it takes. False when no answer can come.
-bool receive_answer(int queue, pm_msg* answer) {
-  struct sigaction wake {}, saved_action {};
-  wake.sa_handler = wake_up;
-  sigemptyset(&wake.sa_mask);
-  sigaction(SIGALRM, &wake, &saved_action);
-  itimerval every_second{{1, 0}, {1, 0}}, saved_timer{};
-  setitimer(ITIMER_REAL, &every_second, &saved_timer);
-
-  bool ok = false;
-  for (;;) {
-    if (msgrcv(queue, answer, kPmBodySize, getpid(), 0) >= 0) {
-      ok = true;
-      break;
-    }
-    if (errno != EINTR || !task_alive()) break;
+// While a worker waits on the queue, a one-second timer interrupts the wait
+// so that a task that has gone away is noticed; a live task is waited for
+// however long it takes.
+class task_watch {
+ public:
+  task_watch() {
+    struct sigaction wake {};
+    wake.sa_handler = wake_up;
+    sigemptyset(&wake.sa_mask);
+    sigaction(SIGALRM, &wake, &saved_action_);
+    itimerval every_second{{1, 0}, {1, 0}};
+    setitimer(ITIMER_REAL, &every_second, &saved_timer_);
   }
+  ~task_watch() {
+    setitimer(ITIMER_REAL, &saved_timer_, nullptr);
+    sigaction(SIGALRM, &saved_action_, nullptr);
+  }
+  task_watch(const task_watch&) = delete;
+  task_watch& operator=(const task_watch&) = delete;
 
-  setitimer(ITIMER_REAL, &saved_timer, nullptr);
-  sigaction(SIGALRM, &saved_action, nullptr);
-  return ok;
-}
+  // Whether a wait interrupted with `error` should go on.
+  static bool keep_waiting(int error) { return error == EINTR && task_alive(); }
+
+ private:
+  struct sigaction saved_action_ {};
+  itimerval saved_timer_{};
+};
 
 pm_msg new_request(pm_command cmd) {
   pm_msg msg{};
@@ -58,8 +61,8 @@ pm_msg new_pid_request(pm_command cmd, int pid) {
 }
 
 template <std::size_t N>
-void copy_text(char (&dst)[N], std::string_view src) {
-  bounded_copy(dst, src.substr(0, bounded_length({src.data(), src.size()})));
+void copy_text(char (&dst)[N], const char* src) {
+  bounded_copy(dst, src);
 }
 
 template <std::size_t N, std::size_t M>
@@ -82,13 +85,18 @@ int transact(pm_msg* request, pm_msg* answer, const failure_texts& texts, char (
     copy_text(err, texts.get);
     return -4;
   }
-  if (msgsnd(queue, request, kPmBodySize, 0) != 0) {
-    copy_text(err, texts.send);
-    return -1;
+  task_watch watch;
+  while (msgsnd(queue, request, kPmBodySize, 0) != 0) {
+    if (!task_watch::keep_waiting(errno)) {
+      copy_text(err, texts.send);
+      return -1;
+    }
   }
-  if (!receive_answer(queue, answer)) {
-    copy_text(err, texts.receive);
-    return -2;
+  while (msgrcv(queue, answer, kPmBodySize, getpid(), 0) < 0) {
+    if (!task_watch::keep_waiting(errno)) {
+      copy_text(err, texts.receive);
+      return -2;
+    }
   }
   return 0;
 }

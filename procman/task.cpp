@@ -6,19 +6,24 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
+#include <deque>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "lib/bounded.h"
 #include "lib/ctnr.h"
+#include "lib/launch.h"
 #include "lib/signal_safe.h"
 #include "lib/split_args.h"
 
 namespace {
 
 ctnr_node* g_registry = nullptr;
+
+// Requests taken off the queue to make room for an answer, served first.
+std::deque<pm_msg> g_backlog;
+constexpr int kFullQueuePatienceMs = 10000;
 
 // The signals whose handlers read or change the registry. They are held
 // while the loop changes the registry, so a handler always sees it whole.
@@ -64,6 +69,14 @@ void copy_field(char (&dst)[N], const char (&src)[M]) {
   bounded_copy(dst, std::string_view(src, bounded_length(src)));
 }
 
+// The fields that every answer about a process carries.
+template <typename Answer>
+void copy_identity(Answer* a, const pm_process& rec) {
+  copy_field(a->env_path, rec.env_path);
+  copy_field(a->cmd_path, rec.cmd);
+  copy_field(a->args, rec.args);
+}
+
 pm_process* find_process(std::int32_t pid, int* position = nullptr) {
   int pos = search_ctnr(g_registry, pm_match_pid, &pid);
   if (position != nullptr) *position = pos;
@@ -85,9 +98,28 @@ void send_answer(pm_msg* answer, std::int32_t requester, std::int32_t cmd) {
     report_internal_error(cmd);
     return;
   }
-  if (msgsnd(queue, answer, kPmBodySize, 0) != 0) {
+  // The queue holds only a few messages. When it is full of requests, the
+  // task is the only one that can make room: it moves requests into its
+  // backlog until the answer fits. Answers are taken by their waiting
+  // workers; a queue full of them is waited for, for a while.
+  for (int full_of_answers_ms = 0;;) {
+    if (msgsnd(queue, answer, kPmBodySize, IPC_NOWAIT) == 0) return;
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN) {
+      pm_msg request;
+      if (msgrcv(queue, &request, kPmBodySize, kPmRequestType, IPC_NOWAIT) >= 0) {
+        g_backlog.push_back(request);
+        continue;
+      }
+      if (full_of_answers_ms < kFullQueuePatienceMs) {
+        usleep(1000);
+        full_of_answers_ms += 1;
+        continue;
+      }
+    }
     std::fprintf(stderr, "Error in msgsnd. (%s)\n", std::strerror(errno));
     report_internal_error(cmd);
+    return;
   }
 }
 
@@ -102,9 +134,7 @@ void handle_state_query(const pm_request& req, pm_msg* answer) {
   }
   a.state = rec->state;
   a.pid = rec->pid;
-  copy_field(a.env_path, rec->env_path);
-  copy_field(a.cmd_path, rec->cmd);
-  copy_field(a.args, rec->args);
+  copy_identity(&a, *rec);
   a.exit_code = rec->exit_code;
   copy_field(a.stdout_file, rec->stdout_file);
   copy_field(a.stderr_file, rec->stderr_file);
@@ -118,33 +148,12 @@ void handle_state_query(const pm_request& req, pm_msg* answer) {
   argv[0] = const_cast<char*>(rec.cmd);
   split_arguments(args, std::span<char*>(argv + 1, kMaxArgumentWords));
 
+  // The same names that the task records for this pid.
   char stdout_file[kPmPathSize];
   char stderr_file[kPmPathSize];
   bounded_format(stdout_file, "/tmp/kolta-bkprocess-stdout.%d", getpid());
   bounded_format(stderr_file, "/tmp/kolta-bkprocess-stderr.%d", getpid());
-  // Only a descriptor of 0 counts as a failure here; a failed open leaves the
-  // task's own output in place.
-  int out = open(stdout_file, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
-  if (out == 0) {
-    std::fputs("ERROR opening stdout !", stdout);
-    std::fflush(stdout);
-    _exit(1);
-  }
-  int err = open(stderr_file, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
-  if (err == 0) {
-    std::fputs("ERROR opening stderr !", stdout);
-    std::fflush(stdout);
-    _exit(1);
-  }
-  dup2(out, STDOUT_FILENO);
-  dup2(err, STDERR_FILENO);
-  if (out > STDERR_FILENO) close(out);
-  if (err > STDERR_FILENO) close(err);
-
-  execv(rec.cmd, argv);
-  std::fprintf(stderr, "FATAL: process exited unexpected.! (%s)\n", std::strerror(errno));
-  std::fflush(stderr);
-  _exit(-1);
+  exec_with_output_files(stdout_file, stderr_file, argv);
 }
 
 // Answers only when the answer should be sent.
@@ -171,16 +180,7 @@ bool handle_launch(const pm_request& req, pm_msg* answer) {
     std::free(rec);
     return true;
   }
-  if (pid == 0) {
-    // The program gets the default signal handling and an open mask.
-    std::signal(SIGCHLD, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    std::signal(SIGINT, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    exec_child(*rec, req);
-  }
+  if (pid == 0) exec_child(*rec, req);
   rec->pid = pid;
   rec->manager_pid = getpid();
   bounded_format(rec->stdout_file, "/tmp/kolta-bkprocess-stdout.%d", pid);
@@ -201,9 +201,7 @@ void handle_kill(const pm_request& req, pm_msg* answer) {
     bounded_copy(a.text, "PM: process doesn't exist - what should I stop - tell me !");
     return;
   }
-  copy_field(a.env_path, rec->env_path);
-  copy_field(a.cmd_path, rec->cmd);
-  copy_field(a.args, rec->args);
+  copy_identity(&a, *rec);
   if (rec->state != kStateRunning) {
     a.failed = 1;
     bounded_copy(a.text, "PM: process isn't running - what should I stop - check state !");
@@ -241,9 +239,7 @@ void handle_list_entry(const pm_request& req, pm_msg* answer) {
   }
   a.state = rec->state;
   a.pid = rec->pid;
-  copy_field(a.env_path, rec->env_path);
-  copy_field(a.cmd_path, rec->cmd);
-  copy_field(a.args, rec->args);
+  copy_identity(&a, *rec);
 }
 
 void handle_process_remove(const pm_request& req) {
@@ -369,7 +365,10 @@ int pm_run() {
       usleep(100000);  // try again soon, without spinning
       continue;
     }
-    if (msgrcv(queue, &msg, kPmBodySize, kPmRequestType, 0) < 0) {
+    if (!g_backlog.empty()) {
+      msg = g_backlog.front();
+      g_backlog.pop_front();
+    } else if (msgrcv(queue, &msg, kPmBodySize, kPmRequestType, 0) < 0) {
       usleep(100);
       std::fflush(stdout);
       continue;

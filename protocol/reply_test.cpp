@@ -29,7 +29,8 @@ TEST(ReplyHeader, TheThreeFormsByteForByte) {
   resp.type = kReplyData;
   std::strcpy(resp.content_type, "text/plain");
   resp.data.size = 0;
-  EXPECT_EQ(header_of(resp), "Reply: Data\r\nContent-length: 0\r\nContent-Type: text/plain\r\n\r\n");
+  EXPECT_EQ(header_of(resp),
+            "Reply: Data\r\nContent-length: 0\r\nContent-Type: text/plain\r\n\r\n");
   std::strcpy(resp.content_type, "file/binary");
   resp.data.size = 1048576;
   EXPECT_EQ(header_of(resp),

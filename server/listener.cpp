@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "lib/signal_safe.h"
+#include "server/reaper.h"
 #include "server/worker.h"
 
 namespace {
@@ -36,21 +37,7 @@ void broken_connection_handler(int /*sig*/) {
   _exit(1);
 }
 
-void child_reaper(int /*sig*/) {
-  int saved_errno = errno;
-  int status = 0;
-  pid_t pid;
-  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-    if (WIFSIGNALED(status)) {
-      signal_safe_print(STDERR_FILENO, "VESK_S: WARNING pid=%d has exited with error state=%d. (%s)\n",
-                        pid, status, signal_description(status & 0x7f));
-    } else {
-      signal_safe_print(STDOUT_FILENO, "VESK_S: pid=%d has exited normally with state=%d.\n", pid,
-                        (status >> 8) & 0xff);
-    }
-  }
-  errno = saved_errno;
-}
+void child_reaper(int /*sig*/) { reap_children_logged("VESK_S"); }
 
 }  // namespace
 
@@ -91,11 +78,7 @@ int init_network() {
 }
 
 int svr_vesk_run() {
-  struct sigaction sa {};
-  sa.sa_handler = child_reaper;
-  sigemptyset(&sa.sa_mask);
-  sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
-  if (sigaction(SIGCHLD, &sa, nullptr) != 0) std::printf("zombie signal");
+  install_child_reaper(child_reaper);
 
   if (::listen(g_listen_socket, 1) != 0) {
     std::fputs("listen error", stderr);

@@ -2,15 +2,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "commands/setup.h"
-#include "lib/signal_safe.h"
 #include "procman/requests.h"
 #include "procman/task.h"
 #include "server/cleanup.h"
 #include "server/config.h"
+#include "server/reaper.h"
 #include "server/dispatcher.h"
 #include "server/listener.h"
 
@@ -19,19 +18,7 @@ namespace {
 void Usage() { std::printf("Usage:\n-d .. enable network debugging"); }
 
 // In force until the accept loop installs its own reaper.
-void startup_child_reaper(int /*sig*/) {
-  int status = 0;
-  pid_t pid;
-  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-    if (WIFSIGNALED(status)) {
-      signal_safe_print(STDERR_FILENO, "KOLTA: WARNING pid=%d has exited with error state=%d. (%s)\n",
-                        pid, status, signal_description(status & 0x7f));
-    } else {
-      signal_safe_print(STDOUT_FILENO, "KOLTA: pid=%d has exited normally with state=%d.\n", pid,
-                        (status >> 8) & 0xff);
-    }
-  }
-}
+void startup_child_reaper(int /*sig*/) { reap_children_logged("KOLTA"); }
 
 }  // namespace
 
@@ -65,11 +52,7 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   std::signal(SIGCHLD, SIG_DFL);
 
-  struct sigaction sa {};
-  sa.sa_handler = startup_child_reaper;
-  sigemptyset(&sa.sa_mask);
-  sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
-  if (sigaction(SIGCHLD, &sa, nullptr) != 0) std::printf("zombie signal\n");
+  install_child_reaper(startup_child_reaper);
   install_cleanup_handlers();
 
   pid_t task = fork();

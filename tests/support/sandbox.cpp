@@ -123,6 +123,15 @@ bool Sandbox::start(const SandboxOptions& options) {
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
+  // The daemon finds "shutdown" by PATH: only the system directories, where
+  // the overlaid /usr/sbin (and /sbin linked to it) holds the stubs.
+  std::vector<std::string> env_strings{"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (!std::string_view(*e).starts_with("PATH=")) env_strings.emplace_back(*e);
+  }
+  std::vector<char*> envp;
+  for (std::string& e : env_strings) envp.push_back(e.data());
+  envp.push_back(nullptr);
   unique_fd out_log(
       ::open((dir_ + "/stdout.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   unique_fd err_log(
@@ -150,8 +159,8 @@ bool Sandbox::start(const SandboxOptions& options) {
     ::dup2(out_log.get(), STDOUT_FILENO);
     int devnull = ::open("/dev/null", O_RDONLY);
     if (devnull >= 0) ::dup2(devnull, STDIN_FILENO);
-    ::execv(argv[0], argv.data());
-    die("sandbox: execv");
+    ::execve(argv[0], argv.data(), envp.data());
+    die("sandbox: execve");
   }
 
   if (!options.wait_listening) return true;
