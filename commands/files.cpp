@@ -15,6 +15,7 @@ namespace {
 // The "putFile" being stored: its path, and the first write error if any.
 struct put_transfer {
   bool open = false;
+  bool regular = false;  // only a regular file is removed when incomplete
   char path[kArgumentSize] = {};
   char error[kWriterErrorSize] = {};
 };
@@ -36,7 +37,7 @@ void close_transfer_file() {
 // Ends the stored file: removes it when it is incomplete.
 void finish_put(bool keep) {
   close_transfer_file();
-  if (!keep) unlink(g_put.path);
+  if (!keep && g_put.regular) unlink(g_put.path);
   g_put.open = false;
 }
 
@@ -92,6 +93,8 @@ int putFile_fn(vesk_request* request, resp_obj* resp) {
   if (gFp == nullptr) return fail(resp, "file open error !");
   g_put = put_transfer{};
   g_put.open = true;
+  struct stat st {};
+  g_put.regular = fstat(fileno(gFp), &st) == 0 && S_ISREG(st.st_mode);
   bounded_copy(g_put.path, file);
   return 1;
 }

@@ -92,7 +92,11 @@ int svr_vesk_run() {
     // Programs that handlers start do not inherit the connection.
     int conn = ::accept4(g_listen_socket, reinterpret_cast<sockaddr*>(&g_address), &g_address_length,
                          SOCK_CLOEXEC);
-    if (conn < 0) continue;
+    if (conn < 0) {
+      // Out of descriptors or memory: let it pass instead of spinning.
+      if (errno != EINTR && errno != ECONNABORTED) usleep(10000);
+      continue;
+    }
     std::printf("\nVESK_S: pid=%d Connection from (%s:%d)\n", getpid(), inet_ntoa(g_address.sin_addr),
                 ntohs(g_address.sin_port));
     std::fflush(stdout);
