@@ -84,7 +84,6 @@ int open_for_reply(const char* path, const char* what) {
 }  // namespace
 
 int execute_fn(vesk_request* request, resp_obj* resp) {
-  std::span<char> reason(resp->text, kReplyTextBound);
   gExecRC = 0;
   int limit = kDefaultExecuteTimeout;
   char cmd[kArgumentSize];
@@ -105,8 +104,7 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
   pid_t pid = fork();
   if (pid == 0) exec_with_output_files(kExecuteStdoutFile, kExecuteStderrFile, argv);
   if (pid < 0) {
-    resp->type = kReplyFail;
-    bounded_format(reason, "%d: fatal error: cannot start external process", pid);
+    reply_fail_format(resp, "%d: fatal error: cannot start external process", pid);
     std::fprintf(stderr, "ERROR: %s\n", resp->text);
     std::fflush(stderr);
     return 1;
@@ -114,8 +112,7 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
 
   int status = wait_with_limit(pid, limit);
   if ((status & 0x7f) != 0) {
-    resp->type = kReplyFail;
-    bounded_format(reason, "%d: Execution failed (%s)", pid, strsignal(status & 0x7f));
+    reply_fail_format(resp, "%d: Execution failed (%s)", pid, strsignal(status & 0x7f));
     return 1;
   }
   gExecRC = (status >> 8) & 0xff;
@@ -130,16 +127,14 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
   const bool ok = gExecRC == 0;
   unique_fd fd(open_for_reply(ok ? kExecuteStdoutFile : kExecuteStderrFile, ok ? "stdout" : "stderr"));
   if (!fd.ok()) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, ok ? "STDOUT PIPE ERROR !" : "STDERR PIPE ERROR !");
+    reply_fail(resp, ok ? "STDOUT PIPE ERROR !" : "STDERR PIPE ERROR !");
     return 0;
   }
   if (ok) {
     resp->type = kReplyData;
     bounded_copy(resp->content_type, "text/plain");
   } else {
-    resp->type = kReplyFail;
-    bounded_format(reason, "RC=%d", gExecRC);
+    reply_fail_format(resp, "RC=%d", gExecRC);
     std::memset(gExecBuf, 0, kOutputFetchMax);
   }
   ssize_t n = read(fd.get(), gExecBuf, kOutputFetchMax);

@@ -21,12 +21,6 @@ struct put_transfer {
 };
 put_transfer g_put;
 
-int fail(resp_obj* resp, const char* text) {
-  resp->type = kReplyFail;
-  bounded_copy(std::span(resp->text, kReplyTextBound), text);
-  return 1;
-}
-
 void close_transfer_file() {
   if (gFp != nullptr && std::fclose(gFp) != 0 && g_put.open && g_put.error[0] == '\0') {
     bounded_format(g_put.error, "write error: %s", std::strerror(errno));
@@ -45,9 +39,9 @@ void finish_put(bool keep) {
 
 int getFile_fn(vesk_request* request, resp_obj* resp) {
   char file[kArgumentSize];
-  if (svr_GetArgument(request, "file", file) == 0) return fail(resp, "Error: argument 'file' required !");
+  if (svr_GetArgument(request, "file", file) == 0) return reply_fail(resp, "Error: argument 'file' required !");
   std::printf("getFile: [%s]\n", file);
-  if (access(file, R_OK) != 0) return fail(resp, "File not found.");
+  if (access(file, R_OK) != 0) return reply_fail(resp, "File not found.");
   struct stat st {};
   stat(file, &st);
   resp->type = kReplyData;
@@ -56,7 +50,7 @@ int getFile_fn(vesk_request* request, resp_obj* resp) {
   resp->data.size = static_cast<std::int32_t>(st.st_size);
   resp->data.ptr = nullptr;
   gFp = std::fopen(file, "rb");
-  if (gFp == nullptr) return fail(resp, "File open error.");
+  if (gFp == nullptr) return reply_fail(resp, "File open error.");
   return 1;
 }
 
@@ -80,17 +74,17 @@ int putFile_fn(vesk_request* request, resp_obj* resp) {
   resp->writer = putf_writer_cb;
   char file[kArgumentSize];
   char md5_sig[kArgumentSize];
-  if (svr_GetArgument(request, "file", file) == 0) return fail(resp, "Error: argument 'file' required !");
+  if (svr_GetArgument(request, "file", file) == 0) return reply_fail(resp, "Error: argument 'file' required !");
   if (svr_GetArgument(request, "md5_sig", md5_sig) == 0) {
-    return fail(resp, "Error: argument 'md5_sig' required !");
+    return reply_fail(resp, "Error: argument 'md5_sig' required !");
   }
   if (text2md5sig(md5_sig, last_md5_signature) != 0) {
-    return fail(resp, "Error: argument 'md5_sig' invalid format !");
+    return reply_fail(resp, "Error: argument 'md5_sig' invalid format !");
   }
   MD5Init(&gMD5_context);
   std::printf("putFile: [%s]\n", file);
   gFp = std::fopen(file, "wb");
-  if (gFp == nullptr) return fail(resp, "file open error !");
+  if (gFp == nullptr) return reply_fail(resp, "file open error !");
   g_put = put_transfer{};
   g_put.open = true;
   struct stat st {};
@@ -135,9 +129,9 @@ int putf_writer_cb(int operation, const char* buffer, int length, char* error_te
 
 int remFile_fn(vesk_request* request, resp_obj* resp) {
   char file[kArgumentSize] = {};
-  if (svr_GetArgument(request, "file", file) == 0) return fail(resp, "Error: argument 'file' required !");
-  if (access(file, R_OK) != 0) return fail(resp, "File not found.");
-  if (unlink(file) != 0) return fail(resp, "can't remove error.");
+  if (svr_GetArgument(request, "file", file) == 0) return reply_fail(resp, "Error: argument 'file' required !");
+  if (access(file, R_OK) != 0) return reply_fail(resp, "File not found.");
+  if (unlink(file) != 0) return reply_fail(resp, "can't remove error.");
   resp->type = kReplySuccess;
   return 1;
 }

@@ -20,21 +20,17 @@ int test_fn(vesk_request* /*request*/, resp_obj* resp) {
 
 int version_fn(vesk_request* /*request*/, resp_obj* resp) {
   std::printf("%d: VERSION Checked.\n", getpid());
-  bounded_copy(resp->content_type, "text/plain");
   uname(&g_uname);
   bounded_format(g_version_text,
                  "DEVICE=%s\nVERSION_SW=%s\nVERSION_HW=%s\nOS=%s\nOS_VERSION=%s\n"
                  "DELAYED_TX_DATA=%s\nEXEC_MODE=%s\n",
                  "KOLTA", "05.00", "00.00", "LINUX", g_uname.release, "OFF", "S");
-  resp->data.ptr = g_version_text;
-  resp->type = kReplyData;
-  resp->data.size = static_cast<std::int32_t>(bounded_length(g_version_text));
+  reply_text(resp, g_version_text);
   return 1;
 }
 
 int getCap_fn(vesk_request* /*request*/, resp_obj* resp) {
-  resp->type = kReplyFail;
-  bounded_copy(std::span(resp->text, kReplyTextBound), "not implemented in the moment !");
+  reply_fail(resp, "not implemented in the moment !");
   return 0;
 }
 

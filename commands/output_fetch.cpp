@@ -20,7 +20,6 @@ int fetch_output(const vesk_request* request, resp_obj* resp, const output_files
                  std::span<char> buffer) {
   char src[kArgumentSize];
   svr_GetArgument(request, "src", src);
-  std::span<char> reason(resp->text, kReplyTextBound);
 
   if (strcasecmp(src, "RC") == 0) {
     bounded_format(buffer, "%d", rc);
@@ -32,18 +31,10 @@ int fetch_output(const vesk_request* request, resp_obj* resp, const output_files
   }
 
   const bool out = strcasecmp(src, "STDOUT") == 0;
-  if (!out && strcasecmp(src, "STDERR") != 0) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, "Parameter 'src': unknown Identifier");
-    return 1;
-  }
+  if (!out && strcasecmp(src, "STDERR") != 0) return reply_fail(resp, "Parameter 'src': unknown Identifier");
   const char* path = out ? files.stdout_file : files.stderr_file;
   int n = read_output_file(path, buffer, kOutputFetchMax);
-  if (n < 0) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, out ? "unable to open stdout" : "unable to open stderr");
-    return 1;
-  }
+  if (n < 0) return reply_fail(resp, out ? "unable to open stdout" : "unable to open stderr");
   unlink(path);
   bounded_copy(resp->content_type, out ? "text/plain" : "text/ascii");
   resp->type = kReplyData;

@@ -13,13 +13,6 @@ namespace {
 char g_shutdown_text[] = "SH_TIME=15";
 char g_exitapp_text[] = "SH_TIME=2";
 
-void reply_text(resp_obj* resp, const char* text) {
-  resp->type = kReplyData;
-  bounded_copy(resp->content_type, "text/plain");
-  resp->data.ptr = text;
-  resp->data.size = static_cast<std::int32_t>(std::strlen(text));
-}
-
 }  // namespace
 
 int coldstart_cb() {
@@ -37,19 +30,13 @@ int warmstart_cb() {
 
 int reboot_fn(vesk_request* request, resp_obj* resp) {
   char mode[kArgumentSize];
-  std::span<char> reason(resp->text, kReplyTextBound);
-  if (svr_GetArgument(request, "mode", mode) == 0) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, "need mode parameter warm|cold");
-    return 1;
-  }
+  if (svr_GetArgument(request, "mode", mode) == 0) return reply_fail(resp, "need mode parameter warm|cold");
   if (std::strcmp(mode, "warm") == 0) {
     warmstart_cb();
   } else if (std::strcmp(mode, "cold") == 0) {
     coldstart_cb();
   } else {
-    resp->type = kReplyFail;
-    bounded_format(reason, "unknown 'mode' = '%s'", mode);
+    reply_fail_format(resp, "unknown 'mode' = '%s'", mode);
     return 1;
   }
   resp->type = kReplySuccess;

@@ -15,8 +15,7 @@ char g_setup_text[1024];
 
 // Fail "unknown '<name>' = '<value>'".
 int refuse(resp_obj* resp, const char* name, const char* value) {
-  resp->type = kReplyFail;
-  bounded_format(std::span(resp->text, kReplyTextBound), "unknown '%s' = '%s'", name, value);
+  reply_fail_format(resp, "unknown '%s' = '%s'", name, value);
   return 1;
 }
 
@@ -46,11 +45,7 @@ int server_setup_fn(vesk_request* request, resp_obj* resp) {
     if (std::sscanf(value, "%ld", &port) == 1) {
       gSetup.lod_server_port = static_cast<std::uint16_t>(static_cast<unsigned long>(port));
     }
-    if (gSetup.lod_server_port == 0) {
-      resp->type = kReplyFail;
-      bounded_copy(std::span(resp->text, kReplyTextBound), "portnumber out of range");
-      return 1;
-    }
+    if (gSetup.lod_server_port == 0) return reply_fail(resp, "portnumber out of range");
   }
   if (svr_GetArgument(request, "exec_type", value) != 0) {
     int type = setting_index(value, 0, 2);
@@ -63,10 +58,7 @@ int server_setup_fn(vesk_request* request, resp_obj* resp) {
   bounded_format(g_setup_text, "LoadMethode=%s\nlod_server_ip=%s\nlod_server_port=%d\nexec_type=%s\n",
                  kSettingNames[method + 2], gSetup.lod_server_ip,
                  static_cast<int>(gSetup.lod_server_port), kSettingNames[type]);
-  resp->type = kReplyData;
-  bounded_copy(resp->content_type, "text/plain");
-  resp->data.ptr = g_setup_text;
-  resp->data.size = static_cast<std::int32_t>(std::strlen(g_setup_text));
+  reply_text(resp, g_setup_text);
   return 1;
 }
 

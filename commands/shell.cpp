@@ -24,31 +24,19 @@ char g_command_buffer[kStdoutReplyMax];
 
 int system_fn(vesk_request* request, resp_obj* resp) {
   char cmd[kArgumentSize];
-  std::span<char> reason(resp->text, kReplyTextBound);
-  if (svr_GetArgument(request, "cmd", cmd) == 0) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, "Error: argument 'cmd' required !");
-    return 1;
-  }
+  if (svr_GetArgument(request, "cmd", cmd) == 0) return reply_fail(resp, "Error: argument 'cmd' required !");
   gLastRC = 0;
   char line[256];
   if (!bounded_format(line, "%s 2>|%s >|%s", cmd, kSystemStderrFile, kSystemStdoutFile)) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, "Error: cmd to long!");
-    return 1;
+    return reply_fail(resp, "Error: cmd to long!");
   }
   std::printf("%d: Call: [%s]\n", getpid(), line);
   std::fflush(stdout);
   gLastRC = std::system(line);
 
-  if (gLastRC == -1) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, std::strerror(errno));
-    return 1;
-  }
+  if (gLastRC == -1) return reply_fail(resp, std::strerror(errno));
   if (gLastRC != 0) {
-    resp->type = kReplyFail;
-    bounded_copy(reason, "Modul returned with error");
+    reply_fail(resp, "Modul returned with error");
     int n = read_output_file(kSystemStderrFile, gcBuf, kOutputFetchMax);
     if (n >= 0) {
       resp->data.ptr = gcBuf;

@@ -27,21 +27,6 @@ struct pgd_ctx {
   std::int32_t rp;
 };
 
-std::span<char> reason(resp_obj* resp) { return {resp->text, kReplyTextBound}; }
-
-int fail(resp_obj* resp, const char* text) {
-  resp->type = kReplyFail;
-  bounded_copy(reason(resp), text);
-  return 1;
-}
-
-void reply_text(resp_obj* resp, const char* text) {
-  resp->type = kReplyData;
-  bounded_copy(resp->content_type, "text/plain");
-  resp->data.ptr = text;
-  resp->data.size = static_cast<std::int32_t>(std::strlen(text));
-}
-
 // Reads a number argument with "%d"; false when it is missing or empty.
 bool int_argument(const vesk_request* request, const char* name, int* value) {
   char text[kArgumentSize];
@@ -70,8 +55,7 @@ bool query_state(int pid, process_state* s, resp_obj* resp) {
                        s->stderr_file, &s->exit_code) == 0) {
     return true;
   }
-  resp->type = kReplyFail;
-  bounded_format(reason(resp), "ERROR: cannot read process state ! ( %s )", s->text);
+  reply_fail_format(resp, "ERROR: cannot read process state ! ( %s )", s->text);
   return false;
 }
 
@@ -80,15 +64,15 @@ bool query_state(int pid, process_state* s, resp_obj* resp) {
 int process_start_fn(vesk_request* request, resp_obj* resp) {
   char cmd[kArgumentSize];
   char args[kArgumentSize];
-  if (svr_GetArgument(request, "cmd", cmd) == 0) return fail(resp, "Error: argument 'cmd' required !");
+  if (svr_GetArgument(request, "cmd", cmd) == 0) return reply_fail(resp, "Error: argument 'cmd' required !");
   if (svr_GetArgument(request, "args", args) == 0) {
-    return fail(resp, "Error: argument 'args' required !");
+    return reply_fail(resp, "Error: argument 'args' required !");
   }
   std::printf("PM::process_start cmd: [%s] args: [%s]\n", cmd, args);
   std::fflush(stdout);
   char err[kPmTextSize] = {};
   int pid = pm_launch_process(cmd, args, kSearchPath, err);
-  if (pid < 1) return fail(resp, err);
+  if (pid < 1) return reply_fail(resp, err);
   bounded_format(g_start_text, "PID=%d\n", pid);
   reply_text(resp, g_start_text);
   return 1;
@@ -96,15 +80,14 @@ int process_start_fn(vesk_request* request, resp_obj* resp) {
 
 int process_stop_fn(vesk_request* request, resp_obj* resp) {
   int pid = 0;
-  if (!int_argument(request, "pid", &pid)) return fail(resp, "Error: argument 'pid' required !");
+  if (!int_argument(request, "pid", &pid)) return reply_fail(resp, "Error: argument 'pid' required !");
   int state = 0;
   int exit_code = 0;
   char text[kPmTextSize] = {};
   char stdout_file[kPmPathSize] = {};
   char stderr_file[kPmPathSize] = {};
   if (pm_kill_process(pid, &state, text, &exit_code, stdout_file, stderr_file) != 0) {
-    resp->type = kReplyFail;
-    bounded_format(reason(resp), "ERROR: process_stop failed ! ( %s )", text);
+    reply_fail_format(resp, "ERROR: process_stop failed ! ( %s )", text);
     return 1;
   }
   bounded_format(g_stop_text, "STATE=%s\nEXITCODE=%d\nMSG=%s\n", state_name(state), exit_code, text);
@@ -114,13 +97,13 @@ int process_stop_fn(vesk_request* request, resp_obj* resp) {
 
 int process_getState_fn(vesk_request* request, resp_obj* resp) {
   int pid = 0;
-  if (!int_argument(request, "pid", &pid)) return fail(resp, "Error: argument 'pid' required !");
+  if (!int_argument(request, "pid", &pid)) return reply_fail(resp, "Error: argument 'pid' required !");
   process_state s;
   if (!query_state(pid, &s, resp)) return 1;
   int rp = 0;
   bool remove = int_argument(request, "rp", &rp);
   if (remove && !valid_rp(rp)) {
-    return fail(resp, "Error: optional argument 'rp' (remove process) must be 1|0 !");
+    return reply_fail(resp, "Error: optional argument 'rp' (remove process) must be 1|0 !");
   }
   bounded_format(g_state_text, "STATE=%s\nEXITCODE=%d\nMSG=%s\nCMD=%s\nARGS=%s\n",
                  state_name(s.state), s.exit_code, s.text, s.cmd_path, s.args);
@@ -131,7 +114,7 @@ int process_getState_fn(vesk_request* request, resp_obj* resp) {
 
 int process_getDetails_fn(vesk_request* request, resp_obj* resp) {
   auto* ctx = static_cast<pgd_ctx*>(std::calloc(1, sizeof(pgd_ctx)));
-  if (ctx == nullptr) return fail(resp, "Fatal Error: no memory !");
+  if (ctx == nullptr) return reply_fail(resp, "Fatal Error: no memory !");
   // Freed on every path that does not hand it to the reader.
   struct ctx_owner {
     pgd_ctx* p;
@@ -140,14 +123,14 @@ int process_getDetails_fn(vesk_request* request, resp_obj* resp) {
 
   int pid = 0;
   int rp = 0;
-  if (!int_argument(request, "pid", &pid)) return fail(resp, "Error: argument 'pid' required !");
-  if (!int_argument(request, "rp", &rp)) return fail(resp, "Error: argument 'rp' (1|0) required !");
-  if (!valid_rp(rp)) return fail(resp, "Error: argument 'rp' must be 1|0 !");
+  if (!int_argument(request, "pid", &pid)) return reply_fail(resp, "Error: argument 'pid' required !");
+  if (!int_argument(request, "rp", &rp)) return reply_fail(resp, "Error: argument 'rp' (1|0) required !");
+  if (!valid_rp(rp)) return reply_fail(resp, "Error: argument 'rp' must be 1|0 !");
 
   process_state s;
   if (!query_state(pid, &s, resp)) return 1;
   if (s.state == kStateRunning) {
-    return fail(resp, "ERROR: process must be stopped before reading its results !");
+    return reply_fail(resp, "ERROR: process must be stopped before reading its results !");
   }
   char src[kArgumentSize];
   svr_GetArgument(request, "src", src);
@@ -157,11 +140,11 @@ int process_getDetails_fn(vesk_request* request, resp_obj* resp) {
   } else if (strcasecmp(src, "STDERR") == 0) {
     file = s.stderr_file;
   } else {
-    return fail(resp, "Parameter 'src': unknown Identifier");
+    return reply_fail(resp, "Parameter 'src': unknown Identifier");
   }
-  if (access(file, R_OK) != 0) return fail(resp, "cant' read output.");
+  if (access(file, R_OK) != 0) return reply_fail(resp, "cant' read output.");
   unique_file fp(std::fopen(file, "rb"));
-  if (!fp) return fail(resp, "SYSTEMERROR: File open error.");
+  if (!fp) return reply_fail(resp, "SYSTEMERROR: File open error.");
 
   bounded_copy(ctx->file, file);
   ctx->pid = pid;
@@ -189,7 +172,6 @@ int pgd_getf_grabber_cb(std::intptr_t ctx_word, char* buffer, int size) {
 }
 
 int process_list_fn(vesk_request* /*request*/, resp_obj* resp) {
-  resp->type = kReplyFail;
-  bounded_copy(reason(resp), "not implemented in the moment !");
+  reply_fail(resp, "not implemented in the moment !");
   return 0;
 }

@@ -60,3 +60,13 @@ using command_fn = int (*)(vesk_request* request, resp_obj* resp);
 // Copies the value of argument `name` (case-insensitive, last match wins)
 // into `dst`. Returns 1 when the value is non-empty, else 0.
 int svr_GetArgument(const vesk_request* request, const char* name, char (&dst)[kArgumentSize]);
+
+// Makes `resp` a Fail reply with `reason`, bounded like every reason.
+// Returns 1, the result of a handler that keeps the connection.
+int reply_fail(resp_obj* resp, const char* reason);
+
+// The same with a formatted reason. False when it did not fit.
+bool reply_fail_format(resp_obj* resp, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Makes `resp` a text/plain Data reply of `text`, which must outlive the handler.
+void reply_text(resp_obj* resp, const char* text);

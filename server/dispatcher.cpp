@@ -15,8 +15,6 @@ static_assert(sizeof kHelpText - 1 == 15);
 
 char g_help_buffer[sizeof kHelpText];
 
-std::span<char> reason_field(resp_obj* resp) { return {resp->text, kReplyTextBound}; }
-
 }  // namespace
 
 void end_worker_without_reply(const char* why) {
@@ -39,15 +37,13 @@ int cmd_dispatcher(vesk_request* request, resp_obj* resp) {
     }
   }
   if (found == nullptr) {
-    if (!bounded_format(reason_field(resp), "`%s' illegal command", request->command)) {
+    if (!reply_fail_format(resp, "`%s' illegal command", request->command)) {
       end_worker_without_reply("command name too long for its reply");
     }
-    resp->type = kReplyFail;
     return 0;
   }
   if (found->handler == nullptr) {
-    bounded_format(reason_field(resp), "`%s' not implemented at the moment", found->name);
-    resp->type = kReplyFail;
+    reply_fail_format(resp, "`%s' not implemented at the moment", found->name);
     return 0;
   }
   return found->handler(request, resp);
@@ -55,9 +51,6 @@ int cmd_dispatcher(vesk_request* request, resp_obj* resp) {
 
 int help_fn(vesk_request* /*request*/, resp_obj* resp) {
   std::memcpy(g_help_buffer, kHelpText, sizeof kHelpText);
-  resp->type = kReplyData;
-  bounded_copy(resp->content_type, "text/plain");
-  resp->data.ptr = g_help_buffer;
-  resp->data.size = sizeof kHelpText - 1;
+  reply_text(resp, g_help_buffer);
   return 1;
 }

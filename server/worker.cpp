@@ -69,8 +69,7 @@ void serve_connection(int sock, command_fn handler) {
 
     int keep = 0;
     if ((request.header.excess & kExcessLimits) != 0) {
-      resp.type = kReplyFail;
-      bounded_copy(std::span(resp.text, kReplyTextBound), kHeaderLimitsReason);
+      reply_fail(&resp, kHeaderLimitsReason);
     } else {
       keep = handler(&request, &resp);
     }
