@@ -1,16 +1,10 @@
 #include "protocol/body.h"
 
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <vector>
 
-#include "lib/unique_fd.h"
-#include "protocol/stream.h"
+#include "tests/support/socket_pair.h"
 
 namespace {
 
@@ -19,8 +13,9 @@ struct writer_call {
   std::string data;
   bool operator==(const writer_call&) const = default;
 };
+using calls = std::vector<writer_call>;
 
-std::vector<writer_call> g_calls;
+calls g_calls;
 int g_failing_call = -1;  // index of the call that reports "disk full"
 
 int recording_writer(int op, const char* buf, int len, char* error_text, int error_size) {
@@ -31,28 +26,20 @@ int recording_writer(int op, const char* buf, int len, char* error_text, int err
   return 1;
 }
 
-std::string put_header(std::size_t length) {
-  return "Request: putFile\r\ncontent-length: " + std::to_string(length) + "\r\n\r\n";
-}
-
-// A connection that has already sent `bytes`: the header is read from it and
-// the body then received with the recording writer.
-struct session {
-  unique_fd in, out;
+// A connection that has sent a putFile header announcing `length` and then
+// `bytes`: the header is read from it and the body then received with the
+// recording writer.
+struct session : kolta_test::socket_pair {
   vesk_request request{};
   resp_obj resp{};
 
-  explicit session(const std::string& bytes, bool close_after = false) {
-    rx_stream_reset();
+  session(std::size_t length, const std::string& bytes, bool close_after = false)
+      : socket_pair("Request: putFile\r\ncontent-length: " + std::to_string(length) +
+                        "\r\n\r\n" + bytes,
+                    close_after) {
     g_calls.clear();
     g_failing_call = -1;
     resp.type = kReplySuccess;
-    int sv[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    in.reset(sv[0]);
-    out.reset(sv[1]);
-    EXPECT_EQ(write(out.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    if (close_after) out.reset();
   }
 
   bool receive() {
@@ -63,26 +50,61 @@ struct session {
 
 }  // namespace
 
-TEST(RcvData, EmptyBodyLeavesTheFollowingBytesForTheNextHeader) {
-  session s(put_header(0) + "Request: next\r\n\r\n");
-  EXPECT_TRUE(s.receive());
-  EXPECT_EQ(g_calls, (std::vector<writer_call>{{kWriteEnd, ""}}));
-  EXPECT_EQ(s.resp.type, kReplySuccess);
-  EXPECT_EQ(RvcHeader(s.in.get(), &s.request.header), 1);
-  EXPECT_STREQ(s.request.header.values[0], "next");
+TEST(RcvData, WriterCallsReplyAndWhatIsLeft) {
+  const std::string b(513, 'b'), d(600, 'd');
+  struct {
+    const char* what;
+    std::size_t length;
+    std::string bytes;
+    bool close_after;
+    int failing_call, type_before;
+    const char* text_before;
+    bool ok;
+    calls expected;
+    int type;
+    const char* text;
+    std::string rest;  // left in the stream for the next reader
+  } cases[] = {
+      {"empty body", 0, "Request: next\r\n\r\n", false, -1, kReplySuccess, "", true,
+       {{kWriteEnd, ""}}, kReplySuccess, "", "Request: next\r\n\r\n"},
+      {"one full block", 513, b, false, -1, kReplySuccess, "", true,
+       {{kWriteBlock, b}, {kWriteEnd, ""}}, kReplySuccess, "", ""},
+      {"block write fails, the end still called", 3, "abc", false, 0, kReplySuccess, "x", true,
+       {{kWriteBlock, "abc"}, {kWriteEnd, ""}}, kReplyFail, "x data write fn: (disk full)", ""},
+      {"only the end fails", 3, "abc", false, 1, kReplySuccess, "", true,
+       {{kWriteBlock, "abc"}, {kWriteEnd, ""}}, kReplyFail, " data write fn: (disk full)", ""},
+      {"handler failed already: only drained", 600, d, false, -1, kReplyFail, "no room", true,
+       {{kWriteDiscard, d.substr(0, 513)}, {kWriteDiscard, d.substr(513)}, {kWriteDiscard, ""}},
+       kReplyFail, "no room", ""},
+      {"peer closes before the end", 100, "0123456789", true, -1, kReplySuccess, "", false,
+       {{kWriteBlock, "0123456789"}, {kWriteDiscard, ""}}, kReplyFail, "", ""},
+      // The running count after an over-read is (count + read) + (count -
+      // length): while that stays below the length, the pushed-back bytes are
+      // handed on too.
+      {"over-read counted twice", 10, "0123456789ABCDE", false, -1, kReplySuccess, "", true,
+       {{kWriteBlock, "0123456789"}, {kWriteBlock, "ABCDE"}, {kWriteEnd, ""}}, kReplySuccess, "",
+       ""},
+      {"excess alone reaches the length", 4, "abcdNEXT12", false, -1, kReplySuccess, "", true,
+       {{kWriteBlock, "abcd"}, {kWriteEnd, ""}}, kReplySuccess, "", "NEXT12"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    session s(c.length, c.bytes, c.close_after);
+    g_failing_call = c.failing_call;
+    s.resp.type = c.type_before;
+    std::strcpy(s.resp.text, c.text_before);
+    EXPECT_EQ(s.receive(), c.ok);
+    EXPECT_EQ(g_calls, c.expected);
+    EXPECT_EQ(s.resp.type, c.type);
+    EXPECT_STREQ(s.resp.text, c.text);
+    EXPECT_EQ(rx_stream_has_buffered() ? s.read(64) : "", c.rest);
+  }
 }
 
 TEST(RcvData, HandsTheBodyOnInBlocksOf513AtMost) {
-  std::string body(513, 'b');
-  {
-    session s(put_header(body.size()) + body);
-    EXPECT_TRUE(s.receive());
-    EXPECT_EQ(g_calls, (std::vector<writer_call>{{kWriteBlock, body}, {kWriteEnd, ""}}));
-  }
-
-  body.resize(5000);
+  std::string body(5000, '\0');
   for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 7 % 251);
-  session s(put_header(body.size()) + body);
+  session s(body.size(), body);
   EXPECT_TRUE(s.receive());
   ASSERT_GE(g_calls.size(), 2u);
   EXPECT_EQ(g_calls.back(), (writer_call{kWriteEnd, ""}));
@@ -95,59 +117,4 @@ TEST(RcvData, HandsTheBodyOnInBlocksOf513AtMost) {
   }
   EXPECT_TRUE(joined == body);
   EXPECT_EQ(s.resp.type, kReplySuccess);
-}
-
-TEST(RcvData, WriterFailureTurnsTheReplyIntoFail) {
-  {
-    session s(put_header(3) + "abc");
-    g_failing_call = 0;  // the block fails, the final call succeeds
-    std::strcpy(s.resp.text, "x");
-    EXPECT_TRUE(s.receive());
-    EXPECT_EQ(g_calls, (std::vector<writer_call>{{kWriteBlock, "abc"}, {kWriteEnd, ""}}));
-    EXPECT_EQ(s.resp.type, kReplyFail);
-    EXPECT_STREQ(s.resp.text, "x data write fn: (disk full)");
-  }
-  {
-    session s(put_header(3) + "abc");
-    g_failing_call = 1;  // only the final call fails
-    EXPECT_TRUE(s.receive());
-    EXPECT_EQ(s.resp.type, kReplyFail);
-    EXPECT_STREQ(s.resp.text, " data write fn: (disk full)");
-  }
-  {
-    // The handler has failed already: everything is only drained.
-    std::string body(600, 'd');
-    session s(put_header(body.size()) + body);
-    s.resp.type = kReplyFail;
-    std::strcpy(s.resp.text, "no room");
-    EXPECT_TRUE(s.receive());
-    EXPECT_EQ(g_calls, (std::vector<writer_call>{{kWriteDiscard, body.substr(0, 513)},
-                                                 {kWriteDiscard, body.substr(513)},
-                                                 {kWriteDiscard, ""}}));
-    EXPECT_STREQ(s.resp.text, "no room");
-  }
-}
-
-TEST(RcvData, PeerClosingBeforeTheEndDiscards) {
-  session s(put_header(100) + "0123456789", true);
-  EXPECT_FALSE(s.receive());
-  EXPECT_EQ(g_calls, (std::vector<writer_call>{{kWriteBlock, "0123456789"}, {kWriteDiscard, ""}}));
-  EXPECT_EQ(s.resp.type, kReplyFail);
-}
-
-// The running count after an over-read is (count + read) + (count - length):
-// while that stays below the length, the pushed-back bytes are handed on too.
-TEST(RcvData, OverReadCountsTheExcessTwice) {
-  {
-    session s(put_header(10) + "0123456789ABCDE");
-    EXPECT_TRUE(s.receive());
-    EXPECT_EQ(g_calls, (std::vector<writer_call>{
-                           {kWriteBlock, "0123456789"}, {kWriteBlock, "ABCDE"}, {kWriteEnd, ""}}));
-  }
-  session s(put_header(4) + "abcdNEXT12");  // the excess alone reaches the length
-  EXPECT_TRUE(s.receive());
-  EXPECT_EQ(g_calls, (std::vector<writer_call>{{kWriteBlock, "abcd"}, {kWriteEnd, ""}}));
-  char rest[16] = {};
-  EXPECT_EQ(rx_stream_read(s.in.get(), rest, sizeof rest), 6u);
-  EXPECT_STREQ(rest, "NEXT12");
 }

@@ -1,7 +1,6 @@
 // A sandboxed koltad's whole life: its start-up banner and options, the
 // informational commands, and the clean-up on SIGTERM.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/msg.h>
@@ -11,44 +10,16 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "tests/support/sandbox.h"
-#include "tests/support/vesk_client.h"
+#include "tests/support/wire.h"
 
 namespace kolta_test {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string ask(VeskClient& c, const std::string& req) {
-  return c.send(req) ? c.read_reply() : "<send failed>";
-}
-
-// Sends `command` on a fresh connection; everything until the close, or a
-// marker when the connection stays open.
-std::string reply_and_close(int port, const std::string& command) {
-  VeskClient c;
-  if (!c.connect(port) || !c.send("Request: " + command + "\r\n\r\n")) return "<no connection>";
-  bool closed = false;
-  std::string reply = c.read_until_close(3000, &closed);
-  return closed ? reply : "<still open> " + reply;
-}
-
-// Starts a background process; its pid, or -1.
-int start(VeskClient& c, const std::string& cmd, const std::string& args) {
-  std::string reply =
-      ask(c, "Request: process_start\r\ncmd: " + cmd + "\r\nargs: " + args + "\r\n\r\n");
-  std::size_t at = reply.find("\r\n\r\nPID=");
-  return at == std::string::npos ? -1 : std::stoi(reply.substr(at + 8));
-}
 
 // msgget of the process-manager queue (key 4993) inside the IPC namespace of
 // `pid`: 0 when the queue exists, else the errno.
@@ -66,31 +37,10 @@ int queue_lookup(pid_t pid) {
   return WEXITSTATUS(status);
 }
 
-// The live (not zombie) members of process group `group`.
-std::vector<pid_t> live_group_members(pid_t group) {
-  std::vector<pid_t> members;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::string stat = read_file("/proc/" + name + "/stat");
-    std::size_t close = stat.rfind(')');
-    if (close == std::string::npos) continue;
-    char state = 0;
-    int ppid = 0, pgrp = 0;
-    if (std::sscanf(stat.c_str() + close + 2, "%c %d %d", &state, &ppid, &pgrp) == 3 &&
-        pgrp == group && state != 'Z') {
-      members.push_back(std::stoi(name));
-    }
-  }
-  return members;
-}
-
 TEST(DaemonLifecycle, StartupBannerAndConfiguredPort) {
   KOLTA_REQUIRE_SANDBOX();
   Sandbox sb;
-  SandboxOptions options;
-  options.config = "# a comment\nport=@PORT@\n";
-  ASSERT_TRUE(sb.start(options)) << sb.error();
+  ASSERT_TRUE(sb.start({.config = "# a comment\nport=@PORT@\n"})) << sb.error();
   ASSERT_TRUE(sb.wait_log(" ProcessManager Task started.\n"));
   const std::string log = sb.log();
 
@@ -112,16 +62,13 @@ TEST(DaemonLifecycle, StartupBannerAndConfiguredPort) {
   const std::vector<pid_t> children = sb.children();
   EXPECT_NE(std::ranges::count(children, std::stoi(m[1])), 0) << log;
 
-  EXPECT_EQ(reply_and_close(sb.port(), "test"), "Reply: Success\r\n\r\n");
+  EXPECT_EQ(connect_to(sb.port()).ask_and_close(request("test")), kSuccess);
 }
 
 TEST(DaemonLifecycle, CommandLineOptions) {
   KOLTA_REQUIRE_SANDBOX();
   Sandbox help;
-  SandboxOptions options;
-  options.args = {"-h"};
-  options.wait_listening = false;
-  ASSERT_TRUE(help.start(options)) << help.error();
+  ASSERT_TRUE(help.start({.args = {"-h"}, .wait_listening = false})) << help.error();
   std::optional<int> status = help.wait_exit(5000);
   ASSERT_TRUE(status.has_value());
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 1) << *status;
@@ -129,55 +76,39 @@ TEST(DaemonLifecycle, CommandLineOptions) {
       << help.log();
 
   Sandbox debug;
-  options = {};
-  options.args = {"-d"};
-  ASSERT_TRUE(debug.start(options)) << debug.error();
-  EXPECT_EQ(reply_and_close(debug.port(), "test"), "Reply: Success\r\n\r\n");
+  ASSERT_TRUE(debug.start({.args = {"-d"}})) << debug.error();
+  EXPECT_EQ(connect_to(debug.port()).ask_and_close(request("test")), kSuccess);
 }
 
-TEST(DaemonLifecycle, InformationCommands) {
-  KOLTA_REQUIRE_SANDBOX();
-  Sandbox sb;
-  ASSERT_TRUE(sb.start()) << sb.error();
+using RunningDaemon = DaemonTest;
+
+TEST_F(RunningDaemon, InformationCommands) {
   utsname u{};
   ASSERT_EQ(::uname(&u), 0);
-  const std::string text =
-      std::string("DEVICE=KOLTA\nVERSION_SW=05.00\nVERSION_HW=00.00\nOS=LINUX\n") +
-      "OS_VERSION=" + u.release + "\nDELAYED_TX_DATA=OFF\nEXEC_MODE=S\n";
-  const std::string version = "Reply: Data\r\nContent-length: " + std::to_string(text.size()) +
-                              "\r\nContent-Type: text/plain\r\n\r\n" + text;
-  VeskClient c;
-  ASSERT_TRUE(c.connect(sb.port()));
-  EXPECT_EQ(ask(c, "Request: version\r\n\r\n"), version);
-  EXPECT_EQ(ask(c, "Request: version\r\n\r\n"), version);
+  const std::string version =
+      data(std::string("DEVICE=KOLTA\nVERSION_SW=05.00\nVERSION_HW=00.00\nOS=LINUX\n") +
+           "OS_VERSION=" + u.release + "\nDELAYED_TX_DATA=OFF\nEXEC_MODE=S\n");
+  VeskClient c = connect();
+  EXPECT_EQ(c.ask(request("version")), version);
+  EXPECT_EQ(c.ask(request("version")), version);
   EXPECT_TRUE(c.is_open());
-
-  EXPECT_EQ(reply_and_close(sb.port(), "test"), "Reply: Success\r\n\r\n");
   for (const char* command :
        {"getCap", "exec_exclusive_prepare", "exec_exclusive", "exec_exclusive_getDetails"}) {
-    EXPECT_EQ(reply_and_close(sb.port(), command),
-              "Reply: Fail\r\nReason: not implemented in the moment !\r\n\r\n")
+    EXPECT_EQ(connect().ask_and_close(request(command)), fail("not implemented in the moment !"))
         << command;
   }
 }
 
-TEST(DaemonLifecycle, CleanupOnSigterm) {
-  KOLTA_REQUIRE_SANDBOX();
-  Sandbox sb;
-  ASSERT_TRUE(sb.start()) << sb.error();
+TEST_F(RunningDaemon, CleanupOnSigterm) {
   std::vector<int> pids;
   {
-    VeskClient c;
-    ASSERT_TRUE(c.connect(sb.port()));
+    VeskClient c = connect();
     for (const char* cmd : {"/bin/true", "/bin/echo"}) {
-      pids.push_back(start(c, cmd, "done"));
+      pids.push_back(start_process(c, cmd, "done"));
       ASSERT_GT(pids.back(), 0);
-      const std::string state =
-          "Request: process_getState\r\npid: " + std::to_string(pids.back()) + "\r\n\r\n";
-      for (int i = 0; i < 200 && ask(c, state).find("STATE=PASSED") == std::string::npos; ++i)
-        std::this_thread::sleep_for(20ms);
+      ASSERT_EQ(final_state(c, pids.back()), state("PASSED", 0, cmd, "done"));
     }
-    pids.push_back(start(c, "/bin/sleep", "300"));
+    pids.push_back(start_process(c, "/bin/sleep", "300"));
     ASSERT_GT(pids.back(), 0);
   }
   const pid_t sleeper = pids.back();
@@ -187,16 +118,16 @@ TEST(DaemonLifecycle, CleanupOnSigterm) {
       ASSERT_TRUE(std::filesystem::exists(tmp + stream + std::to_string(p))) << p;
   }
   ASSERT_EQ(queue_lookup(sleeper), 0) << "the queue exists while the daemon runs";
-  for (int i = 0; i < 200 && !sb.workers().empty(); ++i) std::this_thread::sleep_for(10ms);
-  ASSERT_TRUE(sb.workers().empty());
+  for (int i = 0; i < 200 && !sb_.workers().empty(); ++i) std::this_thread::sleep_for(10ms);
+  ASSERT_TRUE(sb_.workers().empty());
 
-  ASSERT_EQ(::kill(sb.pid(), SIGTERM), 0);
-  std::optional<int> status = sb.wait_exit(6000);
+  ASSERT_EQ(::kill(sb_.pid(), SIGTERM), 0);
+  std::optional<int> status = sb_.wait_exit(6000);
   ASSERT_TRUE(status.has_value()) << "no exit within 6 s";
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
 
-  const std::string log = sb.log();
-  const std::string me = "KOLTA-" + std::to_string(sb.pid()) + ": ";
+  const std::string log = sb_.log();
+  const std::string me = "KOLTA-" + std::to_string(sb_.pid()) + ": ";
   std::size_t at = 0;
   for (const std::string& line :
        {me + "Cleaning up...\n", me + "sending shutdown to the processmanager ..\n",
@@ -214,7 +145,7 @@ TEST(DaemonLifecycle, CleanupOnSigterm) {
   EXPECT_EQ(queue_lookup(sleeper), ENOENT);
 
   // The running program survives; nothing else of the daemon is left.
-  EXPECT_EQ(live_group_members(sb.pid()), std::vector<pid_t>{sleeper});
+  EXPECT_EQ(sb_.group_members(), std::vector<pid_t>{sleeper});
 }
 
 }  // namespace

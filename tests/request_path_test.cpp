@@ -1,20 +1,16 @@
 // The request path over real TCP: header reading, command lookup, reply
 // framing and connection handling of a sandboxed koltad.
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "tests/support/sandbox.h"
-#include "tests/support/vesk_client.h"
+#include "tests/support/wire.h"
 
 namespace kolta_test {
 namespace {
 
-const std::string kHelp = "Request: help\r\n\r\n";
-const std::string kHelpHeader =
-    "Reply: Data\r\nContent-length: 15\r\nContent-Type: text/plain\r\n\r\n";
-const std::string kLimitsReply =
-    "Reply: Fail\r\nReason: Error: request header exceeds limits !\r\n\r\n";
+const std::string kHelp = request("help");
+const std::string kHelpReply = data("KOLTA VESK help");
+const std::string kLimitsReply = fail("Error: request header exceeds limits !");
 
 int local_port(const VeskClient& c) {
   sockaddr_in a{};
@@ -23,44 +19,12 @@ int local_port(const VeskClient& c) {
   return ntohs(a.sin_port);
 }
 
-class RequestPath : public ::testing::Test {
- protected:
-  void SetUp() override {
-    KOLTA_REQUIRE_SANDBOX();
-    ASSERT_TRUE(sb_.start()) << sb_.error();
-  }
-
-  VeskClient connect() {
-    VeskClient c;
-    EXPECT_TRUE(c.connect(sb_.port()));
-    return c;
-  }
-
-  // Sends `request` on a fresh connection, expects exactly `reply` (maybe
-  // nothing) and then the close.
-  void expect_reply_and_close(const std::string& request, const std::string& reply) {
-    VeskClient c = connect();
-    ASSERT_TRUE(c.send(request));
-    bool closed = false;
-    EXPECT_EQ(c.read_until_close(3000, &closed), reply) << request.substr(0, 40);
-    EXPECT_TRUE(closed) << request.substr(0, 40);
-  }
-
-  void expect_help(VeskClient& c) {
-    std::string reply = c.read_reply();
-    EXPECT_TRUE(reply.starts_with(kHelpHeader)) << reply;
-    EXPECT_EQ(reply.size(), kHelpHeader.size() + 15);
-  }
-
-  Sandbox sb_;
-};
+using RequestPath = DaemonTest;
 
 TEST_F(RequestPath, HelpKeepsTheConnectionAndIsLogged) {
   VeskClient c = connect();
-  ASSERT_TRUE(c.send(kHelp));
-  expect_help(c);
-  ASSERT_TRUE(c.send("Request: HeLp\r\n\r\n"));
-  expect_help(c);
+  EXPECT_EQ(c.ask(kHelp), kHelpReply);
+  EXPECT_EQ(c.ask("Request: HeLp\r\n\r\n"), kHelpReply);
   EXPECT_TRUE(c.is_open());
 
   std::vector<pid_t> workers = sb_.workers();
@@ -73,26 +37,26 @@ TEST_F(RequestPath, HelpKeepsTheConnectionAndIsLogged) {
 }
 
 TEST_F(RequestPath, UnknownCommandsAndNameLimits) {
-  expect_reply_and_close("Request: nosuch\r\n\r\n",
-                         "Reply: Fail\r\nReason: `nosuch' illegal command\r\n\r\n");
-  // 109 characters: the longest name whose reason still fits.
+  // 109 characters: the longest name whose reason still fits. One more, and
+  // the size of the command field: no reply at all.
   const std::string name109(109, 'q');
-  expect_reply_and_close("Request: " + name109 + "\r\n\r\n",
-                         "Reply: Fail\r\nReason: `" + name109 + "' illegal command\r\n\r\n");
-  // One more, and the size of the command field: no reply at all.
-  expect_reply_and_close("Request: " + std::string(110, 'q') + "\r\n\r\n", "");
-  expect_reply_and_close("Request: " + std::string(128, 'q') + "\r\n\r\n", "");
+  const std::pair<std::string, std::string> cases[] = {
+      {"nosuch", fail("`nosuch' illegal command")},
+      {name109, fail("`" + name109 + "' illegal command")},
+      {std::string(110, 'q'), ""},
+      {std::string(128, 'q'), ""},
+  };
+  for (const auto& [name, reply] : cases) EXPECT_EQ(connect().ask_and_close(request(name)), reply);
 }
 
 TEST_F(RequestPath, SegmentationDoesNotMatter) {
   VeskClient split = connect();
   ASSERT_TRUE(split.send_split(kHelp, 3));
-  expect_help(split);
+  EXPECT_EQ(split.read_reply(), kHelpReply);
 
   VeskClient joined = connect();
-  ASSERT_TRUE(joined.send(kHelp + kHelp));
-  expect_help(joined);
-  expect_help(joined);
+  EXPECT_EQ(joined.ask(kHelp + kHelp), kHelpReply);
+  EXPECT_EQ(joined.read_reply(), kHelpReply);
 }
 
 TEST_F(RequestPath, HeaderLimits) {
@@ -102,21 +66,19 @@ TEST_F(RequestPath, HeaderLimits) {
 
   // At the limits: answered.
   VeskClient c = connect();
-  ASSERT_TRUE(
-      c.send(twenty + "\r\n" + "Request: help\r\n" + name31 + ": " + value127 + "\r\n\r\n"));
-  expect_help(c);
-  expect_help(c);
+  EXPECT_EQ(c.ask(twenty + "\r\n" + request("help", {{name31, value127}})), kHelpReply);
+  EXPECT_EQ(c.read_reply(), kHelpReply);
 
   // One past them: refused, and the connection ends.
-  expect_reply_and_close(twenty + "arg20: v\r\n\r\n", kLimitsReply);
-  expect_reply_and_close("Request: help\r\n" + name31 + "n: v\r\n\r\n", kLimitsReply);
-  expect_reply_and_close("Request: help\r\nx: " + value127 + "v\r\n\r\n", kLimitsReply);
+  for (const std::string& past : {twenty + "arg20: v\r\n\r\n", request("help", {{name31 + "n", "v"}}),
+                                  request("help", {{"x", value127 + "v"}})}) {
+    EXPECT_EQ(connect().ask_and_close(past), kLimitsReply) << past.substr(0, 40);
+  }
 }
 
 TEST_F(RequestPath, StalledLineHoldsOnlyItsOwnConnection) {
   VeskClient stalled = connect();
-  ASSERT_TRUE(stalled.send("Request: help\r\nabc:def\r\n\r\n"));
-  EXPECT_EQ(stalled.read_reply(1000), "");
+  EXPECT_EQ(stalled.ask("Request: help\r\nabc:def\r\n\r\n", 1000), "");
   EXPECT_TRUE(stalled.is_open());
 
   std::vector<pid_t> workers = sb_.workers();
@@ -125,9 +87,7 @@ TEST_F(RequestPath, StalledLineHoldsOnlyItsOwnConnection) {
   EXPECT_GE(cpu, 0.0);
   EXPECT_LT(cpu, 0.1) << "a stalled worker must wait, not spin";
 
-  VeskClient other = connect();
-  ASSERT_TRUE(other.send(kHelp));
-  expect_help(other);
+  EXPECT_EQ(connect().ask(kHelp), kHelpReply);
 }
 
 TEST_F(RequestPath, HangupsDoNotDisturbLaterConnections) {
@@ -138,8 +98,7 @@ TEST_F(RequestPath, HangupsDoNotDisturbLaterConnections) {
   partial.close();
 
   VeskClient later = connect();
-  ASSERT_TRUE(later.send(kHelp));
-  expect_help(later);
+  EXPECT_EQ(later.ask(kHelp), kHelpReply);
 
   const std::string from =
       "VESK_S: pid=" + std::to_string(sb_.pid()) + " Connection from (127.0.0.1:";
@@ -151,9 +110,7 @@ TEST_F(RequestPath, HangupsDoNotDisturbLaterConnections) {
 TEST(RequestPathConfig, NoPortLineStillListens) {
   KOLTA_REQUIRE_SANDBOX();
   Sandbox sb;
-  SandboxOptions options;
-  options.config = "# no port here\n";
-  EXPECT_TRUE(sb.start(options)) << sb.error();
+  EXPECT_TRUE(sb.start({.config = "# no port here\n"})) << sb.error();
 }
 
 }  // namespace

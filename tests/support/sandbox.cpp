@@ -211,6 +211,24 @@ std::vector<pid_t> Sandbox::workers() const {
   return pids;
 }
 
+std::vector<pid_t> Sandbox::group_members() const {
+  std::vector<pid_t> members;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string stat = read_file("/proc/" + name + "/stat");
+    std::size_t close = stat.rfind(')');
+    char state = 0;
+    int ppid = 0, pgrp = 0;
+    if (close != std::string::npos &&
+        std::sscanf(stat.c_str() + close + 2, "%c %d %d", &state, &ppid, &pgrp) == 3 &&
+        pgrp == pid_ && state != 'Z') {
+      members.push_back(std::stoi(name));
+    }
+  }
+  return members;
+}
+
 std::optional<int> Sandbox::wait_exit(int timeout_ms) {
   if (status_ || pid_ <= 0) return status_;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);

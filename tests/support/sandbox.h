@@ -32,8 +32,8 @@ std::string read_file(const std::string& path);
 struct SandboxOptions {
   // kolta.conf text; "@PORT@" is replaced by a free port.
   std::string config = "port=@PORT@\n";
-  std::vector<std::string> args;  // extra daemon arguments
-  bool wait_listening = true;     // start() waits for "Listening... "
+  std::vector<std::string> args = {};  // extra daemon arguments
+  bool wait_listening = true;          // start() waits for "Listening... "
 };
 
 class Sandbox {
@@ -65,6 +65,8 @@ class Sandbox {
   // Its children that were not there yet when it was listening: the workers
   // of the connections.
   std::vector<pid_t> workers() const;
+  // The live (not zombie) members of its process group, also once it is gone.
+  std::vector<pid_t> group_members() const;
 
   // Waits for the daemon to exit; its wait status, or nullopt on timeout.
   std::optional<int> wait_exit(int timeout_ms);

@@ -87,14 +87,6 @@ std::string VeskClient::read_reply(int timeout_ms) {
   return reply;
 }
 
-std::string VeskClient::read_until_close(int timeout_ms, bool* closed) {
-  const auto deadline = clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (fill(left_ms(deadline))) {
-  }
-  if (closed != nullptr) *closed = !is_open(0);
-  return std::exchange(pending_, {});
-}
-
 bool VeskClient::is_open(int wait_ms) {
   pollfd pfd{fd_.get(), POLLIN, 0};
   int r = ::poll(&pfd, 1, wait_ms);
@@ -103,6 +95,19 @@ bool VeskClient::is_open(int wait_ms) {
   char byte;
   ssize_t n = ::recv(fd_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
   return n > 0 || (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
+}
+
+std::string VeskClient::ask(std::string_view bytes, int timeout_ms) {
+  return send(bytes) ? read_reply(timeout_ms) : "<send failed>";
+}
+
+std::string VeskClient::ask_and_close(std::string_view bytes, int timeout_ms) {
+  if (!send(bytes)) return "<send failed>";
+  const auto deadline = clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (fill(left_ms(deadline))) {
+  }
+  std::string got = std::exchange(pending_, {});
+  return is_open(0) ? "<still open> " + got : got;
 }
 
 }  // namespace kolta_test

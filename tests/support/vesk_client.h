@@ -25,11 +25,15 @@ class VeskClient {
   // "Content-length" bytes of body. Empty when the connection closed or the
   // time ran out before the reply was complete.
   std::string read_reply(int timeout_ms = 5000);
-  // Everything until the peer closes; `closed` tells whether it did in time.
-  std::string read_until_close(int timeout_ms = 5000, bool* closed = nullptr);
   // True while the peer keeps the connection open (or unread bytes wait in
   // the socket); false once it has closed or reset it.
   bool is_open(int wait_ms = 50);
+
+  // send() and then read_reply(); "<send failed>" when the bytes did not go.
+  std::string ask(std::string_view bytes, int timeout_ms = 5000);
+  // send() and then everything until the close, with "<still open> " in
+  // front when the peer did not close in time.
+  std::string ask_and_close(std::string_view bytes, int timeout_ms = 5000);
 
  private:
   // Reads more into pending_; false on close, error or timeout.
