@@ -138,6 +138,10 @@ bool Sandbox::start(const SandboxOptions& options) {
       ::open((dir_ + "/stderr.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!out_log.ok() || !err_log.ok()) return fail("cannot open the log files");
 
+  // The binary may live under /tmp, which the sandbox hides: hold it open.
+  unique_fd binary(::open(argv[0], O_PATH | O_CLOEXEC));
+  if (!binary.ok()) return fail(std::string("cannot open ") + argv[0]);
+
   // Workers orphaned by the daemon's end become ours, so stop() can reap them.
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   pid_ = fork();
@@ -159,8 +163,9 @@ bool Sandbox::start(const SandboxOptions& options) {
     ::dup2(out_log.get(), STDOUT_FILENO);
     int devnull = ::open("/dev/null", O_RDONLY);
     if (devnull >= 0) ::dup2(devnull, STDIN_FILENO);
-    ::execve(argv[0], argv.data(), envp.data());
-    die("sandbox: execve");
+    if (::chdir("/") != 0) die("sandbox: chdir /");
+    ::fexecve(binary.get(), argv.data(), envp.data());
+    die("sandbox: fexecve");
   }
 
   if (!options.wait_listening) return true;
