@@ -24,8 +24,6 @@ int gExecRC = 0;
 
 namespace {
 
-constexpr int kMaxArgumentWords = 62;
-
 char gExecBuf[kOutputFetchMax + 1];
 
 // Blocks until the program may have ended or `until` (a time() value) has

@@ -20,3 +20,10 @@ bool bounded_format(std::span<char> dst, const char* fmt, ...)
 
 // Length of the NUL-terminated text in `buf`, never reading past its end.
 std::size_t bounded_length(std::span<const char> buf);
+
+// Copies one fixed text field into another; the source need not be
+// terminated within its field. False on truncation.
+template <std::size_t N, std::size_t M>
+bool copy_field(char (&dst)[N], const char (&src)[M]) {
+  return bounded_copy(dst, std::string_view(src, bounded_length(src)));
+}

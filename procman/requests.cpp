@@ -60,16 +60,6 @@ pm_msg new_pid_request(pm_command cmd, int pid) {
   return msg;
 }
 
-template <std::size_t N>
-void copy_text(char (&dst)[N], const char* src) {
-  bounded_copy(dst, src);
-}
-
-template <std::size_t N, std::size_t M>
-void copy_field(char (&dst)[N], const char (&src)[M]) {
-  bounded_copy(dst, std::string_view(src, bounded_length(src)));
-}
-
 // The error texts of one call: msgget, msgsnd and msgrcv failures.
 struct failure_texts {
   const char* get;
@@ -82,19 +72,19 @@ struct failure_texts {
 int transact(pm_msg* request, pm_msg* answer, const failure_texts& texts, char (&err)[kPmTextSize]) {
   int queue = msgget(kPmQueueKey, kPmQueueFlags);
   if (queue < 0) {
-    copy_text(err, texts.get);
+    bounded_copy(err, texts.get);
     return -4;
   }
   task_watch watch;
   while (msgsnd(queue, request, kPmBodySize, 0) != 0) {
     if (!task_watch::keep_waiting(errno)) {
-      copy_text(err, texts.send);
+      bounded_copy(err, texts.send);
       return -1;
     }
   }
   while (msgrcv(queue, answer, kPmBodySize, getpid(), 0) < 0) {
     if (!task_watch::keep_waiting(errno)) {
-      copy_text(err, texts.receive);
+      bounded_copy(err, texts.receive);
       return -2;
     }
   }
@@ -106,9 +96,9 @@ int transact(pm_msg* request, pm_msg* answer, const failure_texts& texts, char (
 int pm_launch_process(const char* cmd, const char* args, const char* env_path,
                       char (&err)[kPmTextSize]) {
   pm_msg request = new_request(kPmLaunch);
-  copy_text(request.body.request.env_path, env_path);
-  copy_text(request.body.request.cmd_path, cmd);
-  copy_text(request.body.request.args, args);
+  bounded_copy(request.body.request.env_path, env_path);
+  bounded_copy(request.body.request.cmd_path, cmd);
+  bounded_copy(request.body.request.args, args);
   std::fflush(stdout);
   pm_msg answer{};
   int r = transact(&request, &answer,

@@ -64,11 +64,6 @@ class signals_held {
   sigset_t saved_;
 };
 
-template <std::size_t N, std::size_t M>
-void copy_field(char (&dst)[N], const char (&src)[M]) {
-  bounded_copy(dst, std::string_view(src, bounded_length(src)));
-}
-
 // The fields that every answer about a process carries.
 template <typename Answer>
 void copy_identity(Answer* a, const pm_process& rec) {
@@ -156,14 +151,13 @@ void handle_state_query(const pm_request& req, pm_msg* answer) {
   exec_with_output_files(stdout_file, stderr_file, argv);
 }
 
-// Answers only when the answer should be sent.
-bool handle_launch(const pm_request& req, pm_msg* answer) {
+void handle_launch(const pm_request& req, pm_msg* answer) {
   pm_launch_answer& a = answer->body.launch;
   auto* rec = static_cast<pm_process*>(std::calloc(1, sizeof(pm_process)));
   if (rec == nullptr) {
     a.failed = 1;
     bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(ENOMEM));
-    return true;
+    return;
   }
   copy_field(rec->env_path, req.env_path);
   copy_field(rec->cmd, req.cmd_path);
@@ -178,7 +172,7 @@ bool handle_launch(const pm_request& req, pm_msg* answer) {
     bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(errno));
     a.failed = 1;
     std::free(rec);
-    return true;
+    return;
   }
   if (pid == 0) exec_child(*rec, req);
   rec->pid = pid;
@@ -189,7 +183,6 @@ bool handle_launch(const pm_request& req, pm_msg* answer) {
   copy_field(a.text, rec->msg);
   a.pid = pid;
   a.failed = rec->state == kStateRunning ? 0 : 1;
-  return true;
 }
 
 void handle_kill(const pm_request& req, pm_msg* answer) {
@@ -265,15 +258,15 @@ void handle_process_remove(const pm_request& req) {
 void handle_message(const pm_msg& msg) {
   const pm_request& req = msg.body.request;
   const std::int32_t requester = req.sender_pid;
-  auto answer = static_cast<pm_msg*>(std::calloc(1, sizeof(pm_msg)));
-  if (answer == nullptr) return;
+  pm_msg answer_msg{};
+  pm_msg* answer = &answer_msg;
   bool send = true;
   switch (req.cmd) {
     case kPmStateQuery:
       handle_state_query(req, answer);
       break;
     case kPmLaunch:
-      send = handle_launch(req, answer);
+      handle_launch(req, answer);
       break;
     case kPmKill:
       handle_kill(req, answer);
@@ -291,7 +284,6 @@ void handle_message(const pm_msg& msg) {
       break;
   }
   if (send) send_answer(answer, requester, req.cmd);
-  std::free(answer);
 }
 
 // SIGCHLD: records how the task's children ended.

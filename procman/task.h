@@ -29,7 +29,3 @@ int pm_run();
 
 // 0 when the int32 pid `key` is the record's pid.
 int pm_match_pid(const void* key, const void* item);
-
-// The words of the argument vector at most: one slot stays for the program
-// path, one for the terminating null.
-inline constexpr int kMaxArgumentWords = 62;
