@@ -8,6 +8,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -70,7 +71,7 @@ int wait_with_limit(pid_t pid, int limit) {
 
 // Opens an output file for the reply; -1 (after the log line) when it cannot.
 int open_for_reply(const char* path, const char* what) {
-  int fd = open(path, O_RDONLY | O_SYNC);
+  int fd = open(path, O_RDONLY | O_SYNC | O_NOFOLLOW);
   if (fd <= 0) {
     if (fd == 0) close(fd);
     std::printf("ERROR opening %s !\n", what);
@@ -114,7 +115,9 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
     return 1;
   }
   gExecRC = (status >> 8) & 0xff;
-  if (ffilelength(kExecuteStderrFile) > 0) gExecRC |= 1;
+  // Any size but 0, taken as 64-bit: 4 GiB of error output is not nothing.
+  struct stat err_st {};
+  if (stat(kExecuteStderrFile, &err_st) == 0 && err_st.st_size != 0) gExecRC |= 1;
 
   if (gSetup.exec_type == kExecRod) {
     resp->type = kReplySuccess;
@@ -137,7 +140,7 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
   }
   ssize_t n = read(fd.get(), gExecBuf, kOutputFetchMax);
   resp->data.ptr = gExecBuf;
-  resp->data.size = n > 0 ? static_cast<std::int32_t>(n) : 0;
+  resp->data.size = n > 0 ? n : 0;
   return 1;
 }
 

@@ -2,11 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "lib/bounded.h"
 #include "lib/md5.h"
+#include "lib/unique_fd.h"
 
 std::FILE* gFp = nullptr;
 
@@ -20,6 +22,10 @@ struct put_transfer {
   char error[kWriterErrorSize] = {};
 };
 put_transfer g_put;
+
+// The most of a file without a reported size that "getFile" sends.
+constexpr std::size_t kUnsizedFileMax = 1024 * 1024;
+char g_unsized_file[kUnsizedFileMax];
 
 void close_transfer_file() {
   if (gFp != nullptr && std::fclose(gFp) != 0 && g_put.open && g_put.error[0] == '\0') {
@@ -42,21 +48,41 @@ int getFile_fn(vesk_request* request, resp_obj* resp) {
   if (svr_GetArgument(request, "file", file) == 0) return reply_fail(resp, "Error: argument 'file' required !");
   std::printf("getFile: [%s]\n", file);
   if (access(file, R_OK) != 0) return reply_fail(resp, "File not found.");
-  struct stat st {};
-  stat(file, &st);
   resp->type = kReplyData;
   bounded_copy(resp->content_type, "file/binary");
   resp->reader = getf_grabber_cb;
-  resp->data.size = static_cast<std::int32_t>(st.st_size);
   resp->data.ptr = nullptr;
-  gFp = std::fopen(file, "rb");
+
+  // Opening never blocks (a FIFO without a writer would), and only a regular
+  // file is sent: a directory, FIFO, socket or device has no length to announce.
+  unique_fd fd(open(file, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat st {};
+  if (!fd.ok() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    return reply_fail(resp, "File open error.");
+  }
+  fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
+  resp->data.size = static_cast<std::int64_t>(st.st_size);
+  gFp = fdopen(fd.get(), "rb");
   if (gFp == nullptr) return reply_fail(resp, "File open error.");
+  fd.release();
+
+  // A file that reports no size but has content (the /proc and /sys kind)
+  // is read whole first, so that its true size can be announced.
+  if (st.st_size == 0) {
+    std::size_t n = std::fread(g_unsized_file, 1, sizeof g_unsized_file, gFp);
+    if (n > 0) {
+      std::fclose(gFp);
+      gFp = nullptr;
+      resp->data.ptr = g_unsized_file;
+      resp->data.size = static_cast<std::int64_t>(n);
+    }
+  }
   return 1;
 }
 
 int getf_grabber_cb(std::intptr_t /*ctx*/, char* buffer, int size) {
-  if (gFp == nullptr || size <= 0) return 0;
-  std::size_t n = std::fread(buffer, 1, static_cast<std::size_t>(size), gFp);
+  if (gFp == nullptr) return 0;
+  std::size_t n = size > 0 ? std::fread(buffer, 1, static_cast<std::size_t>(size), gFp) : 0;
   if (n > 0) {
     std::printf("sending block [%d]\n", static_cast<int>(n));
     return static_cast<int>(n);

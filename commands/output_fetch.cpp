@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -11,8 +12,11 @@
 int read_output_file(const char* path, std::span<char> buffer, std::size_t max) {
   std::size_t limit = max < buffer.size() ? max : buffer.size();
   std::memset(buffer.data(), 0, limit);
-  unique_file fp(std::fopen(path, "rb"));
+  unique_fd fd(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd.ok()) return -1;
+  unique_file fp(fdopen(fd.get(), "rb"));
   if (!fp) return -1;
+  fd.release();
   return static_cast<int>(std::fread(buffer.data(), 1, limit, fp.get()));
 }
 

@@ -9,6 +9,7 @@
 #include "commands/output_fetch.h"
 #include "commands/setup.h"
 #include "lib/bounded.h"
+#include "lib/planted_link.h"
 
 int gLastRC = 0;
 
@@ -32,6 +33,9 @@ int system_fn(vesk_request* request, resp_obj* resp) {
   }
   std::printf("%d: Call: [%s]\n", getpid(), line);
   std::fflush(stdout);
+  // The shell's redirections would follow a link planted at either name.
+  remove_planted_link(kSystemStderrFile);
+  remove_planted_link(kSystemStdoutFile);
   gLastRC = std::system(line);
 
   if (gLastRC == -1) return reply_fail(resp, std::strerror(errno));

@@ -8,11 +8,16 @@
 #include <initializer_list>
 #include <unistd.h>
 
+#include "lib/planted_link.h"
+
 namespace {
 
+// A link planted at the name is removed, and never followed: the program's
+// output goes into that file and nowhere else.
 int open_output(const char* path, const char* what) {
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC, 0600);
-  if (fd == 0) {
+  remove_planted_link(path);
+  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC | O_NOFOLLOW, 0600);
+  if (fd <= 0) {
     std::printf("ERROR opening %s !", what);
     std::fflush(stdout);
     _exit(1);

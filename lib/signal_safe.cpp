@@ -1,6 +1,7 @@
 #include "lib/signal_safe.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -26,7 +27,14 @@ void signal_safe_print(int fd, const char* fmt, ...) {
   errno = saved_errno;
 }
 
-const char* signal_description(int sig) {
-  const char* text = sigdescr_np(sig);
-  return text != nullptr ? text : "Unknown signal";
+const char* signal_description(int sig, std::span<char, kSignalDescriptionSize> buf) {
+  if (const char* text = sigdescr_np(sig); text != nullptr) return text;
+  // The real-time signals are numbered from the first one the C library
+  // leaves to applications.
+  if (sig >= SIGRTMIN && sig <= SIGRTMAX) {
+    std::snprintf(buf.data(), buf.size(), "Real-time signal %d", sig - SIGRTMIN);
+  } else {
+    std::snprintf(buf.data(), buf.size(), "Unknown signal %d", sig);
+  }
+  return buf.data();
 }

@@ -10,7 +10,8 @@
 #include <cstdint>
 
 inline constexpr int kPmQueueKey = 4993;
-inline constexpr int kPmQueueFlags = 0666 | 01000;  // IPC_CREAT | 0666
+// IPC_CREAT | 0600: only the daemon's own user may ask it to start programs.
+inline constexpr int kPmQueueFlags = 0600 | 01000;
 inline constexpr std::size_t kPmBodySize = 4104;
 inline constexpr long kPmRequestType = 1;
 

@@ -162,8 +162,8 @@ int process_getDetails_fn(vesk_request* request, resp_obj* resp) {
 
 int pgd_getf_grabber_cb(std::intptr_t ctx_word, char* buffer, int size) {
   auto* ctx = reinterpret_cast<pgd_ctx*>(ctx_word);
-  if (ctx == nullptr || size <= 0) return 0;
-  std::size_t n = std::fread(buffer, 1, static_cast<std::size_t>(size), ctx->fp);
+  if (ctx == nullptr) return 0;
+  std::size_t n = size > 0 ? std::fread(buffer, 1, static_cast<std::size_t>(size), ctx->fp) : 0;
   if (n > 0) return static_cast<int>(n);
   std::fclose(ctx->fp);
   if (ctx->rp == 1) pm_process_remove(ctx->pid);

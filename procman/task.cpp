@@ -13,9 +13,8 @@
 
 #include "lib/bounded.h"
 #include "lib/ctnr.h"
-#include "lib/launch.h"
 #include "lib/signal_safe.h"
-#include "lib/split_args.h"
+#include "procman/spawn.h"
 
 namespace {
 
@@ -23,7 +22,34 @@ ctnr_node* g_registry = nullptr;
 
 // Requests taken off the queue to make room for an answer, served first.
 std::deque<pm_msg> g_backlog;
-constexpr int kFullQueuePatienceMs = 10000;
+
+// The requesters most recently answered: an answer that a requester did not
+// live to take is looked for among them when the queue is full.
+constexpr int kAnsweredKept = 64;
+std::int32_t g_answered[kAnsweredKept];
+int g_answered_next = 0;
+
+constexpr int kFullQueueWaitMs = 10;
+
+bool requester_alive(std::int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+// Makes room on a full queue: moves one request into the backlog, or throws
+// away the answers of requesters that have gone. False when neither was there.
+bool make_room(int queue) {
+  pm_msg request;
+  if (msgrcv(queue, &request, kPmBodySize, kPmRequestType, IPC_NOWAIT | MSG_NOERROR) >= 0) {
+    g_backlog.push_back(request);
+    return true;
+  }
+  bool made = false;
+  for (std::int32_t& pid : g_answered) {
+    if (pid <= 0 || requester_alive(pid)) continue;
+    pm_msg stale;
+    while (msgrcv(queue, &stale, kPmBodySize, pid, IPC_NOWAIT | MSG_NOERROR) >= 0) made = true;
+    pid = 0;
+  }
+  return made;
+}
 
 // The signals whose handlers read or change the registry. They are held
 // while the loop changes the registry, so a handler always sees it whole.
@@ -93,24 +119,25 @@ void send_answer(pm_msg* answer, std::int32_t requester, std::int32_t cmd) {
     report_internal_error(cmd);
     return;
   }
-  // The queue holds only a few messages. When it is full of requests, the
-  // task is the only one that can make room: it moves requests into its
-  // backlog until the answer fits. Answers are taken by their waiting
-  // workers; a queue full of them is waited for, for a while.
-  for (int full_of_answers_ms = 0;;) {
-    if (msgsnd(queue, answer, kPmBodySize, IPC_NOWAIT) == 0) return;
+  // The queue holds only a few messages. When it is full, the task makes
+  // room itself (requests to its backlog, answers nobody will take thrown
+  // away), or waits for the workers to take theirs. An answer is given up
+  // only when its requester has gone.
+  for (;;) {
+    if (msgsnd(queue, answer, kPmBodySize, IPC_NOWAIT) == 0) {
+      g_answered[g_answered_next] = requester;
+      g_answered_next = (g_answered_next + 1) % kAnsweredKept;
+      return;
+    }
     if (errno == EINTR) continue;
     if (errno == EAGAIN) {
-      pm_msg request;
-      if (msgrcv(queue, &request, kPmBodySize, kPmRequestType, IPC_NOWAIT) >= 0) {
-        g_backlog.push_back(request);
+      if (make_room(queue)) continue;
+      if (requester_alive(requester)) {
+        usleep(kFullQueueWaitMs * 1000);
         continue;
       }
-      if (full_of_answers_ms < kFullQueuePatienceMs) {
-        usleep(1000);
-        full_of_answers_ms += 1;
-        continue;
-      }
+      std::fprintf(stderr, "PM: requester %d has gone, its answer is dropped\n", requester);
+      return;
     }
     std::fprintf(stderr, "Error in msgsnd. (%s)\n", std::strerror(errno));
     report_internal_error(cmd);
@@ -136,19 +163,15 @@ void handle_state_query(const pm_request& req, pm_msg* answer) {
   copy_field(a.text, rec->msg);
 }
 
-[[noreturn]] void exec_child(const pm_process& rec, const pm_request& req) {
-  char args[kPmPathSize];
-  copy_field(args, req.args);
-  char* argv[kMaxArgumentWords + 2] = {};
-  argv[0] = const_cast<char*>(rec.cmd);
-  split_arguments(args, std::span<char*>(argv + 1, kMaxArgumentWords));
-
-  // The same names that the task records for this pid.
-  char stdout_file[kPmPathSize];
-  char stderr_file[kPmPathSize];
-  bounded_format(stdout_file, "/tmp/kolta-bkprocess-stdout.%d", getpid());
-  bounded_format(stderr_file, "/tmp/kolta-bkprocess-stderr.%d", getpid());
-  exec_with_output_files(stdout_file, stderr_file, argv);
+// Appends `rec`. An ended record with the same pid, one that no client
+// removed, is replaced: the pid is the new process's now, and so are the
+// output files named after it.
+void add_process(pm_process* rec) {
+  int pos = -1;
+  if (find_process(rec->pid, &pos) != nullptr) {
+    std::free(remove_at_ctnr(g_registry, static_cast<std::uint32_t>(pos)));
+  }
+  push_ctnr(g_registry, rec);
 }
 
 void handle_launch(const pm_request& req, pm_msg* answer) {
@@ -167,19 +190,18 @@ void handle_launch(const pm_request& req, pm_msg* answer) {
   std::fflush(stdout);
   std::fflush(stderr);
   signals_held held;
-  pid_t pid = fork();
+  pid_t pid = spawn_background_process(*rec, req);
   if (pid < 0) {
     bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(errno));
     a.failed = 1;
     std::free(rec);
     return;
   }
-  if (pid == 0) exec_child(*rec, req);
   rec->pid = pid;
   rec->manager_pid = getpid();
   bounded_format(rec->stdout_file, "/tmp/kolta-bkprocess-stdout.%d", pid);
   bounded_format(rec->stderr_file, "/tmp/kolta-bkprocess-stderr.%d", pid);
-  push_ctnr(g_registry, rec);
+  add_process(rec);
   copy_field(a.text, rec->msg);
   a.pid = pid;
   a.failed = rec->state == kStateRunning ? 0 : 1;
@@ -236,14 +258,11 @@ void handle_list_entry(const pm_request& req, pm_msg* answer) {
 }
 
 void handle_process_remove(const pm_request& req) {
-  pm_process* rec = nullptr;
-  {
-    signals_held held;
-    int pos = -1;
-    if (find_process(req.target_pid, &pos) != nullptr) {
-      rec = static_cast<pm_process*>(remove_at_ctnr(g_registry, static_cast<std::uint32_t>(pos)));
-    }
-  }
+  // The files go while the record is still registered: a clean-up signal at
+  // any moment finds either the record or neither file.
+  signals_held held;
+  int pos = -1;
+  pm_process* rec = find_process(req.target_pid, &pos);
   if (rec == nullptr) {
     std::fprintf(stderr, "PM::handle_process_remove->unknown process has been ignored ! (PID=%d)\n",
                  req.target_pid);
@@ -252,10 +271,12 @@ void handle_process_remove(const pm_request& req) {
   }
   unlink(rec->stderr_file);
   unlink(rec->stdout_file);
-  std::free(rec);
+  std::free(remove_at_ctnr(g_registry, static_cast<std::uint32_t>(pos)));
 }
 
-void handle_message(const pm_msg& msg) {
+}  // namespace
+
+void pm_handle_message(const pm_msg& msg) {
   const pm_request& req = msg.body.request;
   const std::int32_t requester = req.sender_pid;
   pm_msg answer_msg{};
@@ -286,25 +307,35 @@ void handle_message(const pm_msg& msg) {
   if (send) send_answer(answer, requester, req.cmd);
 }
 
+void pm_record_exit(std::int32_t pid, int status) {
+  // The running record: an ended one with the same pid would have been
+  // replaced at the launch.
+  pm_process* rec = find_process(pid);
+  if (rec == nullptr) return;
+  if ((status & 0x7f) != 0) {
+    char description[kSignalDescriptionSize];
+    rec->exit_code = status & 0x7f;
+    bounded_copy(rec->msg, signal_description(status & 0x7f, description));
+    rec->state = kStateDied;
+  } else {
+    rec->exit_code = (status >> 8) & 0xff;
+    rec->state = status == 0 ? kStatePassed : kStateFailed;
+  }
+}
+
+bool pm_registry_init() {
+  if (g_registry == nullptr) g_registry = new_ctnr();
+  return g_registry != nullptr;
+}
+
+namespace {
+
 // SIGCHLD: records how the task's children ended.
 void pm_event(int /*sig*/) {
   int saved_errno = errno;
   int status = 0;
   pid_t pid;
-  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-    std::int32_t key = pid;
-    auto* rec = static_cast<pm_process*>(
-        get_ctnr(g_registry, static_cast<std::uint32_t>(search_ctnr(g_registry, pm_match_pid, &key))));
-    if (rec == nullptr) continue;
-    if ((status & 0x7f) != 0) {
-      rec->exit_code = status & 0x7f;
-      bounded_copy(rec->msg, signal_description(status & 0x7f));
-      rec->state = kStateDied;
-    } else {
-      rec->exit_code = (status >> 8) & 0xff;
-      rec->state = status == 0 ? kStatePassed : kStateFailed;
-    }
-  }
+  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) pm_record_exit(pid, status);
   errno = saved_errno;
 }
 
@@ -333,8 +364,7 @@ int pm_match_pid(const void* key, const void* item) {
 }
 
 int pm_run() {
-  g_registry = new_ctnr();
-  if (g_registry == nullptr) return 1;
+  if (!pm_registry_init()) return 1;
 
   struct sigaction sa {};
   sa.sa_handler = pm_event;
@@ -360,12 +390,12 @@ int pm_run() {
     if (!g_backlog.empty()) {
       msg = g_backlog.front();
       g_backlog.pop_front();
-    } else if (msgrcv(queue, &msg, kPmBodySize, kPmRequestType, 0) < 0) {
+    } else if (msgrcv(queue, &msg, kPmBodySize, kPmRequestType, MSG_NOERROR) < 0) {
       usleep(100);
       std::fflush(stdout);
       continue;
     }
-    handle_message(msg);
+    pm_handle_message(msg);
     std::fflush(stdout);
   }
 }

@@ -27,5 +27,15 @@ struct pm_process {
 // otherwise it ends the process itself when told to stop.
 int pm_run();
 
+// Creates the empty registry (once). False when it cannot.
+bool pm_registry_init();
+
+// Serves one message taken off the queue: answers it on the queue, or logs
+// why not. The registry must exist.
+void pm_handle_message(const pm_msg& msg);
+
+// Records that the process `pid` ended with the wait status `status`.
+void pm_record_exit(std::int32_t pid, int status);
+
 // 0 when the int32 pid `key` is the record's pid.
 int pm_match_pid(const void* key, const void* item);

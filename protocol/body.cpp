@@ -22,13 +22,14 @@ bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* 
   char content_type[kArgumentSize];
   svr_GetArgument(request, "content-length", length_text);
   svr_GetArgument(request, "content-type", content_type);
-  long content_length = 0;
-  if (std::sscanf(length_text, "%ld", &content_length) != 1) content_length = 0;
-  std::printf("Content-Length = %ld\n\n", content_length);
+  // 64-bit on every platform: bodies of 2 GiB and more.
+  long long content_length = 0;
+  if (std::sscanf(length_text, "%lld", &content_length) != 1) content_length = 0;
+  std::printf("Content-Length = %lld\n\n", content_length);
   char error_text[kWriterErrorSize] = {};
 
-  const unsigned long length = static_cast<unsigned long>(content_length);
-  unsigned long received = 0;
+  const unsigned long long length = static_cast<unsigned long long>(content_length);
+  unsigned long long received = 0;
   bool block_failed = false;
   do {
     char block[kBodyBlockSize] = {};
@@ -36,13 +37,13 @@ bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* 
     if (got == 0 && received < length) {
       // The peer has closed: the rest of the body will never come.
       std::printf("\n");
-      std::fprintf(stderr, "RcvData: connection closed after %lu of %ld bytes of data\n", received,
+      std::fprintf(stderr, "RcvData: connection closed after %llu of %lld bytes of data\n", received,
                    content_length);
       resp->type = kReplyFail;
       call_writer(writer, resp, true, block, 0, error_text);
       return false;
     }
-    unsigned long useful = got;
+    unsigned long long useful = got;
     if (received + got > length) {
       rx_stream_unread(sock, static_cast<unsigned>(received + got - length));
       useful = length - received;
@@ -54,7 +55,7 @@ bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* 
       received += got;
     }
     if (useful == 0) continue;
-    std::printf("%ld / %ld (%d)        \r", static_cast<long>(received), content_length,
+    std::printf("%lld / %lld (%d)        \r", static_cast<long long>(received), content_length,
                 static_cast<int>(useful));
     std::fflush(stdout);
     if (call_writer(writer, resp, false, block, static_cast<int>(useful), error_text) != 0) {

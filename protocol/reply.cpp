@@ -24,8 +24,8 @@ std::size_t format_reply_header(const resp_obj& resp, std::span<char, kReplyHead
       char content_type[kContentTypeSize];
       bounded_copy(content_type,
                    std::string_view(resp.content_type, bounded_length(resp.content_type)));
-      bounded_format(out, "Reply: Data%sContent-length: %ld%sContent-Type: %s%s", kCrLf,
-                     static_cast<long>(resp.data.size), kCrLf, content_type, kCrLf);
+      bounded_format(out, "Reply: Data%sContent-length: %lld%sContent-Type: %s%s", kCrLf,
+                     static_cast<long long>(resp.data.size), kCrLf, content_type, kCrLf);
       bounded_append(out, "\r\n");
       break;
     }

@@ -27,7 +27,9 @@ enum writer_op : int {
 };
 
 // Produces the next block of a Data reply into `buf` (room for `size` bytes);
-// returns the bytes produced, 0 at the end.
+// returns the bytes produced, 0 at the end, where it releases what it holds.
+// Called with a `size` of 0 once the announced length has been sent, it ends
+// early: releases what it holds as at the end and returns 0.
 using reader_fn = int (*)(std::intptr_t ctx, char* buf, int size);
 
 // Consumes a block of a request body (`op` from writer_op); returns 0, or
@@ -45,7 +47,7 @@ struct resp_obj {
   std::int16_t rx_pending;
   struct {
     const void* ptr;  // nullptr: `reader` produces the data
-    std::int32_t size;
+    std::int64_t size;  // sent as the Content-length; 2 GiB and more on every platform
   } data;
   char content_type[kContentTypeSize];
   std::intptr_t reader_ctx;

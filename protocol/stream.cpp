@@ -91,10 +91,10 @@ bool send_all(int sock, const void* buffer, std::size_t length) {
   return true;
 }
 
-int ffilelength(const char* path) {
+long long ffilelength(const char* path) {
   struct stat st;
   if (::stat(path, &st) != 0) return -1;
-  return static_cast<int>(st.st_size);
+  return static_cast<long long>(st.st_size);
 }
 
 void set_to() { std::printf("\nTIMEOUT"); }

@@ -36,8 +36,9 @@ unsigned send_block(int sock, const void* buffer, unsigned length);
 // Sends the whole buffer through send_block. False when the connection failed.
 bool send_all(int sock, const void* buffer, std::size_t length);
 
-// Size in bytes of the file at `path`, -1 when stat cannot see it.
-int ffilelength(const char* path);
+// Size in bytes of the file at `path`, 64-bit on every platform; -1 when
+// stat cannot see it.
+long long ffilelength(const char* path);
 
 // Prints "\nTIMEOUT".
 void set_to();

@@ -19,8 +19,14 @@ constexpr const char* kRemoveOutputFiles[] = {
     "rm /tmp/kolta-system-stderr.* 2>/dev/null",
 };
 
-// system(3) from a signal handler: only fork, exec and waitpid.
+// system(3) from a signal handler: only fork, exec and waitpid. As in
+// system(3), SIGCHLD is held while the command runs, so that the shell is
+// collected here and not by the child reaper.
 void run_shell(const char* command) {
+  sigset_t chld, saved;
+  sigemptyset(&chld);
+  sigaddset(&chld, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &chld, &saved);
   pid_t pid = fork();
   if (pid == 0) {
     execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
@@ -30,6 +36,7 @@ void run_shell(const char* command) {
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
   }
+  sigprocmask(SIG_SETMASK, &saved, nullptr);
 }
 
 void sleep_seconds(int seconds) {
@@ -43,12 +50,8 @@ void sleep_seconds(int seconds) {
 }  // namespace
 
 void kolta_cleanup(int /*sig*/) {
-  // The shell commands are waited for here, not by the child reaper.
-  sigset_t chld;
-  sigemptyset(&chld);
-  sigaddset(&chld, SIGCHLD);
-  sigprocmask(SIG_BLOCK, &chld, nullptr);
-
+  // The child reaper stays in force: the process manager's exit, and that of
+  // any worker ending meanwhile, is logged as every other.
   const int pid = getpid();
   signal_safe_print(STDOUT_FILENO, "\nKOLTA-%d: Cleaning up...\n", pid);
   for (const char* command : kRemoveOutputFiles) run_shell(command);

@@ -7,6 +7,7 @@
 
 #include "lib/bounded.h"
 #include "server/command_table.h"
+#include "server/worker_process.h"
 
 namespace {
 
@@ -20,8 +21,7 @@ char g_help_buffer[sizeof kHelpText];
 void end_worker_without_reply(const char* why) {
   std::fflush(stdout);
   std::fprintf(stderr, "VESK_S: pid=%d %s: connection dropped without reply\n", getpid(), why);
-  std::fflush(stderr);
-  _exit(1);
+  end_worker(1);
 }
 
 int cmd_dispatcher(vesk_request* request, resp_obj* resp) {

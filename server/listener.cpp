@@ -12,9 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "lib/signal_safe.h"
 #include "server/reaper.h"
 #include "server/worker.h"
+#include "server/worker_process.h"
 
 namespace {
 
@@ -24,18 +24,12 @@ sockaddr_in g_address{};
 socklen_t g_address_length = 16;
 command_fn g_command_handler = nullptr;
 
-constexpr char kBang61[] = "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!";
-static_assert(sizeof kBang61 - 1 == 61);
+// Accepted connections beyond those the loop has taken wait here; with too
+// few places, a burst of clients overflows the queue and the kernel resets
+// connections that were already established.
+constexpr int kListenBacklog = 64;
 
-void broken_connection_handler(int /*sig*/) {
-  signal_safe_print(STDOUT_FILENO,
-                    "%s\nVESK_S: pid=%d NETWORK CONNECTION BROKEN !!!\n"
-                    "        ->check VESK-Timeout settings at client side !!!\n"
-                    "        The clients should't exit during communication.\n"
-                    "        I've a timeout parameter for this !\n%s\n",
-                    kBang61, getpid(), kBang61);
-  _exit(1);
-}
+void broken_connection_handler(int /*sig*/) { broken_connection(); }
 
 void child_reaper(int /*sig*/) { reap_children_logged("VESK_S"); }
 
@@ -80,7 +74,7 @@ int init_network() {
 int svr_vesk_run() {
   install_child_reaper(child_reaper);
 
-  if (::listen(g_listen_socket, 1) != 0) {
+  if (::listen(g_listen_socket, kListenBacklog) != 0) {
     std::fputs("listen error", stderr);
     return 1;
   }

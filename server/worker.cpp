@@ -8,10 +8,42 @@
 #include "protocol/reply.h"
 #include "protocol/stream.h"
 #include "server/dispatcher.h"
+#include "server/worker_process.h"
 
 namespace {
 
-// Sends the reply that `resp.type` selects. False when the connection failed.
+// Sends a Data reply's body: exactly the Content-length it announced. A
+// reader that has more is cut there; one that ends early leaves the
+// connection unusable. False when the connection must end.
+bool send_data_body(int sock, resp_obj& resp) {
+  const unsigned long long announced =
+      resp.data.size > 0 ? static_cast<unsigned long long>(resp.data.size) : 0;
+  if (resp.data.ptr != nullptr) {
+    if (!send_all(sock, resp.data.ptr, announced)) broken_connection();
+    return true;
+  }
+  if (resp.reader == nullptr) return announced == 0;
+  char block[kReaderBlockSize];
+  unsigned long long sent = 0;
+  while (sent < announced) {
+    const unsigned long long left = announced - sent;
+    const int want = left < sizeof block ? static_cast<int>(left) : static_cast<int>(sizeof block);
+    int n = resp.reader(resp.reader_ctx, block, want);
+    if (n <= 0) {
+      std::fprintf(stderr, "VESK_S: pid=%d data ended after %llu of %llu bytes, closing\n",
+                   getpid(), sent, announced);
+      return false;
+    }
+    if (n > want) n = want;
+    if (!send_all(sock, block, static_cast<std::size_t>(n))) broken_connection();
+    sent += static_cast<unsigned long long>(n);
+  }
+  resp.reader(resp.reader_ctx, block, 0);  // the reader lets go of what it holds
+  return true;
+}
+
+// Sends the reply that `resp.type` selects. Any failed write is a broken
+// connection. False when the connection must end after it.
 bool send_reply(int sock, resp_obj& resp) {
   char header[kReplyHeaderSize];
   std::size_t header_len = format_reply_header(resp, header);
@@ -19,34 +51,24 @@ bool send_reply(int sock, resp_obj& resp) {
     case kReplySuccess:
       std::fflush(stdout);
       std::printf("VESK_S: pid=%d REPLY SUCCESS: [%s]\n", getpid(), kReplySuccessLine);
-      return send_all(sock, header, header_len);
+      if (!send_all(sock, header, header_len)) broken_connection();
+      return true;
 
     case kReplyFail:
       std::printf("VESK_S: pid=%d REPLY FAIL: Reason: [%.*s]\n", getpid(),
                   static_cast<int>(bounded_length(resp.text)), resp.text);
       std::fflush(stdout);
-      return send_all(sock, header, header_len);
+      if (!send_all(sock, header, header_len)) broken_connection();
+      return true;
 
-    case kReplyData: {
-      std::printf("VESK_S: pid=%d REPLY DATA: Size=%ld, Content-Type=%.*s\n", getpid(),
-                  static_cast<long>(resp.data.size),
+    case kReplyData:
+      std::printf("VESK_S: pid=%d REPLY DATA: Size=%lld, Content-Type=%.*s\n", getpid(),
+                  static_cast<long long>(resp.data.size),
                   static_cast<int>(bounded_length(resp.content_type)), resp.content_type);
       std::fflush(stdout);
-      if (!send_all(sock, header, header_len)) return false;
-      usleep(20000);
-      if (resp.data.ptr != nullptr) {
-        std::size_t size = resp.data.size > 0 ? static_cast<std::size_t>(resp.data.size) : 0;
-        return send_all(sock, resp.data.ptr, size);
-      }
-      if (resp.reader == nullptr) return true;
-      char block[kReaderBlockSize];
-      for (;;) {
-        int n = resp.reader(resp.reader_ctx, block, sizeof block);
-        if (n <= 0) return true;
-        if (n > static_cast<int>(sizeof block)) n = sizeof block;
-        if (!send_all(sock, block, static_cast<std::size_t>(n))) return false;
-      }
-    }
+      if (!send_all(sock, header, header_len)) broken_connection();
+      pause_before_data_body();
+      return send_data_body(sock, resp);
 
     default:
       return true;
@@ -55,13 +77,13 @@ bool send_reply(int sock, resp_obj& resp) {
 
 }  // namespace
 
-void serve_connection(int sock, command_fn handler) {
+void serve_connection(int sock, command_fn handler, int header_timeout_ms) {
   vesk_request request{};
   resp_obj resp{};
   resp.type = kReplySuccess;
 
   for (;;) {
-    if (RvcHeader(sock, &request.header) == 0) return;
+    if (read_header(sock, &request.header, header_timeout_ms) == 0) return;
     if ((request.header.excess & kExcessFirstValue) != 0 ||
         !bounded_copy(request.command, request.header.values[0])) {
       end_worker_without_reply("command name of 128 characters or more");
@@ -85,10 +107,7 @@ void serve_connection(int sock, command_fn handler) {
     }
     DestroyHeader(&request.header);
 
-    if (!send_reply(sock, resp)) {
-      std::fprintf(stderr, "VESK_S: pid=%d cannot send the reply, worker ends\n", getpid());
-      return;
-    }
+    if (!send_reply(sock, resp)) return;
     if (keep == 0) return;
   }
 }
