@@ -8,6 +8,7 @@
 #include <ctime>
 #include <deque>
 #include <sys/msg.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,22 +34,47 @@ constexpr int kFullQueueWaitMs = 10;
 
 bool requester_alive(std::int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
 
+// Throws away the answers of requesters that have gone: nobody will take
+// them, and on a full queue they would keep every request out. True when
+// there were any.
+bool throw_away_gone_answers(int queue) {
+  bool thrown = false;
+  for (std::int32_t& pid : g_answered) {
+    if (pid <= 0 || requester_alive(pid)) continue;
+    pm_msg stale;
+    while (msgrcv(queue, &stale, kPmBodySize, pid, IPC_NOWAIT | MSG_NOERROR) >= 0) thrown = true;
+    pid = 0;
+  }
+  return thrown;
+}
+
 // Makes room on a full queue: moves one request into the backlog, or throws
-// away the answers of requesters that have gone. False when neither was there.
+// away the answers nobody will take. False when neither was there.
 bool make_room(int queue) {
   pm_msg request;
   if (msgrcv(queue, &request, kPmBodySize, kPmRequestType, IPC_NOWAIT | MSG_NOERROR) >= 0) {
     g_backlog.push_back(request);
     return true;
   }
-  bool made = false;
-  for (std::int32_t& pid : g_answered) {
-    if (pid <= 0 || requester_alive(pid)) continue;
-    pm_msg stale;
-    while (msgrcv(queue, &stale, kPmBodySize, pid, IPC_NOWAIT | MSG_NOERROR) >= 0) made = true;
-    pid = 0;
-  }
-  return made;
+  return throw_away_gone_answers(queue);
+}
+
+// While the task waits for requests, a timer wakes it every second to throw
+// away answers nobody will take, which would otherwise keep requests out.
+void wake_up(int /*sig*/) {}
+
+void start_sweep_timer() {
+  struct sigaction wake {};
+  wake.sa_handler = wake_up;
+  sigemptyset(&wake.sa_mask);
+  sigaction(SIGALRM, &wake, nullptr);
+  itimerval every_second{{1, 0}, {1, 0}};
+  setitimer(ITIMER_REAL, &every_second, nullptr);
+}
+
+bool queue_holds_messages(int queue) {
+  msqid_ds ds{};
+  return msgctl(queue, IPC_STAT, &ds) == 0 && ds.msg_qnum > 0;
 }
 
 // The signals whose handlers read or change the registry. They are held
@@ -378,6 +404,7 @@ int pm_run() {
   sigaction(SIGTERM, &stop, nullptr);
   sigaction(SIGINT, &stop, nullptr);
 
+  start_sweep_timer();
   pm_msg msg{};
   for (;;) {
     int queue = msgget(kPmQueueKey, kPmQueueFlags);
@@ -387,6 +414,7 @@ int pm_run() {
       usleep(100000);  // try again soon, without spinning
       continue;
     }
+    if (queue_holds_messages(queue)) throw_away_gone_answers(queue);
     if (!g_backlog.empty()) {
       msg = g_backlog.front();
       g_backlog.pop_front();

@@ -14,6 +14,7 @@
 #include <optional>
 #include <regex>
 
+#include "tests/support/namespaces.h"
 #include "tests/support/wire.h"
 
 namespace kolta_test {
@@ -24,17 +25,7 @@ using namespace std::chrono_literals;
 // msgget of the process-manager queue (key 4993) inside the IPC namespace of
 // `pid`: 0 when the queue exists, else the errno.
 int queue_lookup(pid_t pid) {
-  int ns = ::open(("/proc/" + std::to_string(pid) + "/ns/ipc").c_str(), O_RDONLY | O_CLOEXEC);
-  if (ns < 0) return -1;
-  pid_t child = fork();
-  if (child == 0) {
-    if (::setns(ns, CLONE_NEWIPC) != 0) _exit(255);
-    _exit(::msgget(4993, 0) >= 0 ? 0 : errno);
-  }
-  ::close(ns);
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+  return in_ipc_namespace(pid, [] { return ::msgget(4993, 0) >= 0 ? 0 : errno; });
 }
 
 TEST(DaemonLifecycle, StartupBannerAndConfiguredPort) {
@@ -63,6 +54,16 @@ TEST(DaemonLifecycle, StartupBannerAndConfiguredPort) {
   EXPECT_NE(std::ranges::count(children, std::stoi(m[1])), 0) << log;
 
   EXPECT_EQ(connect_to(sb.port()).ask_and_close(request("test")), kSuccess);
+
+  // Room for 64 waiting connections: a burst of clients is not reset.
+  const std::string ss = "ss -Hltn 'sport = :" + std::to_string(sb.port()) + "'";
+  std::string listening;
+  if (FILE* p = ::popen(ss.c_str(), "r")) {
+    char line[512];
+    while (std::fgets(line, sizeof line, p) != nullptr) listening += line;
+    ::pclose(p);
+  }
+  EXPECT_TRUE(std::regex_search(listening, std::regex("^LISTEN +0 +64 "))) << listening;
 }
 
 TEST(DaemonLifecycle, CommandLineOptions) {
@@ -127,11 +128,16 @@ TEST_F(RunningDaemon, CleanupOnSigterm) {
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
 
   const std::string log = sb_.log();
+  std::smatch task;
+  ASSERT_TRUE(std::regex_search(log, task, std::regex("([0-9]+) ProcessManager Task started")));
   const std::string me = "KOLTA-" + std::to_string(sb_.pid()) + ": ";
   std::size_t at = 0;
+  // The reaper stays in force during the clean-up: the task's exit is logged.
   for (const std::string& line :
        {me + "Cleaning up...\n", me + "sending shutdown to the processmanager ..\n",
-        std::string("PM: cleanup ..\n"), me + "cleanup done.\n"}) {
+        std::string("PM: cleanup ..\n"),
+        "VESK_S: pid=" + task[1].str() + " has exited normally with state=0.\n",
+        me + "cleanup done.\n"}) {
     at = log.find(line, at);
     ASSERT_NE(at, std::string::npos) << line << " (in order) in\n" << log;
   }
