@@ -168,6 +168,10 @@ TEST_F(DeviceExecute, ArgumentsAndExitCodes) {
   EXPECT_EQ(details("RC"), data("3"));
   EXPECT_EQ(details("STDERR"), data("err 2\n", "text/ascii"));
 
+  // Error output of 4 GiB is not nothing: its size is taken as 64-bit.
+  script("/tmp/huge_err", "truncate -s 4294967296 /tmp/kolta-execute-stderr.st\n");
+  EXPECT_EQ(execute("/tmp/huge_err", "x"), fail("RC=1"));
+
   EXPECT_EQ(execute("/tmp/nosuch", ""), fail("RC=255"));
   EXPECT_EQ(details("stderr"),
             data("FATAL: process exited unexpected.! (No such file or directory)\n", "text/ascii"));
