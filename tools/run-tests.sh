@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the plain build, the same tests under
-# AddressSanitizer and UBSan, and a short run of the protocol fuzzer.
-# KOLTA_FUZZ_SECONDS sets the fuzzing time (default 20).
+# AddressSanitizer and UBSan, and a short run of every fuzz target.
+# KOLTA_FUZZ_SECONDS sets the fuzzing time per target (default 15).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
@@ -22,12 +22,5 @@ echo "== AddressSanitizer and UBSan build"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DKOLTA_SANITIZE=ON
 
-echo "== fuzzing the header reader and body receiver"
-CXX=clang++ cmake -S . -B build-fuzz -DKOLTA_FUZZ=ON -DKOLTA_TESTS=OFF \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build-fuzz -j"$jobs" --target header_body_fuzz
-corpus=$(mktemp -d)
-trap 'rm -rf "$corpus"' EXIT
-./build-fuzz/fuzz/header_body_fuzz -max_total_time="${KOLTA_FUZZ_SECONDS:-20}" \
-  -close_fd_mask=1 -max_len=4096 -print_final_stats=1 "$corpus" fuzz/corpus 2>&1 | tail -n 3
-echo "fuzzing: no failure"
+echo "== fuzzing: every target briefly"
+KOLTA_JOBS=$jobs ./tools/run-fuzz.sh "${KOLTA_FUZZ_SECONDS:-15}"
