@@ -23,6 +23,7 @@ constexpr std::size_t kFileNameBound = 2560;
 constexpr unsigned kBodyBlockSize = 2048;
 
 client_resp_obj g_reply;
+int g_reply_timeout_ms = kHeaderTimeoutSeconds * 1000;
 
 // Formats one header line, prints it and sends it. False when it was not
 // sent whole.
@@ -71,7 +72,7 @@ void checked_copy(char (&dst)[N], const char* src) {
 // `resp_type`. The entry that matched, or null.
 const resp_type_entry* read_and_dispatch_reply(int fd) {
   client_resp_obj& rec = g_reply;
-  RvcHeader(fd, &rec.header);
+  read_header(fd, &rec.header, g_reply_timeout_ms);
   checked_copy(rec.reply, GetNVPair_Value(&rec.header, "reply"));
   checked_copy(rec.content_type, GetNVPair_Value(&rec.header, "content-type"));
   long size = 0;
@@ -114,6 +115,8 @@ bool receive_body(int fd, vesk_c_obj* obj) {
 }  // namespace
 
 client_resp_obj& client_reply_record() { return g_reply; }
+
+void vesk_c_set_reply_timeout(int timeout_ms) { g_reply_timeout_ms = timeout_ms; }
 
 int vesk_c_open(const char* /*host*/, int port) {
   std::printf("try connection ..");

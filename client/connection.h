@@ -17,6 +17,10 @@ extern sockaddr_in hostaddr;
 // The record every reply is read into; kept from one reply to the next.
 client_resp_obj& client_reply_record();
 
+// How long getFile and vesk_c_action wait for a reply header, in
+// milliseconds; 24 hours unless set.
+void vesk_c_set_reply_timeout(int timeout_ms);
+
 // Connects to port `port` of the local host's wildcard address; `host` is
 // not consulted. The connected socket, or 0 on failure (a socket that could
 // not connect stays open).

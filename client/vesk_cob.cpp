@@ -1,8 +1,9 @@
 #include "client/vesk_cob.h"
 
-#include <assert.h>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <strings.h>
 
@@ -67,8 +68,12 @@ int VESK_C_OBJ_new(vesk_c_obj* obj, const char* command) {
 }
 
 int VESK_C_OBJ_destroy(vesk_c_obj* obj) {
-  if (obj->arguments_chain == nullptr)
-    __assert_fail("obj->arguments_chain", "vesk_cob.cpp", 37, "VESK_C_OBJ_destroy");
+  if (obj->arguments_chain == nullptr) {
+    // The assertion holds in every build, with the C library's own message.
+    std::fprintf(stderr, "%s: vesk_cob.cpp:37: VESK_C_OBJ_destroy: Assertion `obj->arguments_chain' failed.\n",
+                 program_invocation_short_name);
+    std::abort();
+  }
   return rmFlist(&obj->arguments_chain);
 }
 

@@ -22,12 +22,18 @@ echo "== AddressSanitizer and UBSan build"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DKOLTA_SANITIZE=ON
 
-echo "== fuzzing the header reader and body receiver"
+echo "== fuzzing the header reader, the body receiver and the client reply readers"
 CXX=clang++ cmake -S . -B build-fuzz -DKOLTA_FUZZ=ON -DKOLTA_TESTS=OFF \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build-fuzz -j"$jobs" --target header_body_fuzz
+cmake --build build-fuzz -j"$jobs" --target header_body_fuzz reply_reader_fuzz
 corpus=$(mktemp -d)
 trap 'rm -rf "$corpus"' EXIT
-./build-fuzz/fuzz/header_body_fuzz -max_total_time="${KOLTA_FUZZ_SECONDS:-20}" \
-  -close_fd_mask=1 -max_len=4096 -print_final_stats=1 "$corpus" fuzz/corpus 2>&1 | tail -n 3
+fuzz() {
+  local target=$1 seeds=$2
+  mkdir -p "$corpus/$target"
+  ./build-fuzz/fuzz/"$target" -max_total_time="${KOLTA_FUZZ_SECONDS:-20}" \
+    -close_fd_mask=1 -max_len=4096 -print_final_stats=1 "$corpus/$target" "$seeds" 2>&1 | tail -n 3
+}
+fuzz header_body_fuzz fuzz/corpus
+fuzz reply_reader_fuzz fuzz/reply_corpus
 echo "fuzzing: no failure"
