@@ -41,7 +41,9 @@ long lod_data_cb(long length, const char* /*block*/, vesk_c_obj* /*obj*/) { retu
 
 int load_on_demand_init(int method, const char* server_ip, std::uint16_t server_port) {
   lod_setup.method = method;
-  std::strncpy(lod_setup.server_ip, server_ip, sizeof lod_setup.server_ip);
+  // Copied with a bound of 17: a name that fills the field is not terminated.
+  std::memset(lod_setup.server_ip, 0, sizeof lod_setup.server_ip);
+  std::memcpy(lod_setup.server_ip, server_ip, ::strnlen(server_ip, sizeof lod_setup.server_ip));
   lod_setup.server_port = server_port;
   lod_setup.initialized = 1;
   return 0;
