@@ -90,7 +90,7 @@ class Device:
             try:
                 result = self._run_to_end(channel, SHELL, script, None)
             finally:
-                self._quietly(lambda c: c.request("remFile", {"file": script}))
+                self._quietly(lambda c: c.request("remFile", {"file": script}), channel)
         return self._checked(cmd if isinstance(cmd, str) else cmd.decode("latin-1"), result, check)
 
     def execute(
@@ -208,7 +208,7 @@ class Device:
             stderr = fetch_output(channel, pid, "stderr", remove=False)
             stdout = fetch_output(channel, pid, "stdout", remove=True)
         except BaseException:
-            self._quietly(lambda c: self._forget(c, pid))
+            self._quietly(lambda c: self._forget(c, pid), channel)
             raise
         return Result(stdout=stdout, stderr=stderr, returncode=_returncode(state))
 
@@ -218,11 +218,12 @@ class Device:
             stop_process(channel, pid)
         query_state(channel, pid, remove=True)
 
-    def _quietly(self, action: Callable[[Channel], _T]) -> None:
-        """Clean-up on a fresh connection; its failures are not the caller's."""
+    @staticmethod
+    def _quietly(action: Callable[[Channel], _T], channel: Channel) -> None:
+        """Clean-up; its failures are not the caller's. The channel opens a
+        new connection if the call's own has failed."""
         try:
-            with self.channel() as channel:
-                action(channel)
+            action(channel)
         except (KoltaError, OSError):
             pass
 

@@ -45,10 +45,12 @@ def _measure(source: LocalSource) -> tuple[int, str]:
 def upload(channel: Channel, source: LocalSource, remote: str) -> tuple[int, str]:
     """Sends `source` to the file `remote`; its size and signature."""
     size, signature = _measure(source)
-    if isinstance(source, bytes):
-        body: Iterator[bytes] = iter((source[i : i + _BLOCK] for i in range(0, size, _BLOCK)))
-    else:
-        body = _file_blocks(Path(source), size)
+
+    def body() -> Iterator[bytes]:
+        if isinstance(source, bytes):
+            return (source[i : i + _BLOCK] for i in range(0, size, _BLOCK))
+        return _file_blocks(Path(source), size)
+
     arguments = {"file": remote, "md5_sig": signature, "content-length": str(size)}
     try:
         channel.request("putFile", arguments, body=body)

@@ -12,9 +12,11 @@ is one of
 from __future__ import annotations
 
 import socket
+import time
 from collections.abc import Callable, Iterable, Mapping
 from dataclasses import dataclass
 from types import TracebackType
+from typing import NoReturn
 
 from kolta.errors import ConnectionFailed, KoltaError, Refused
 
@@ -61,19 +63,36 @@ def encode_request(command: str, arguments: Mapping[str, str]) -> bytes:
     return ("\r\n".join(lines) + "\r\n\r\n").encode("ascii")
 
 
+class _NotServed(Exception):
+    """A fresh connection was reset before any byte of the reply came."""
+
+
 class Channel:
     """A connection to one daemon, for the requests of one client call.
 
     Connects on the first request; use it as a context manager so that it is
-    closed at the end of the call."""
+    closed at the end of the call.
+
+    The daemon listens with a backlog of one and, after each accepted
+    connection, pauses a second for every worker it collects; meanwhile the
+    kernel may reset further connections that the daemon never accepted. A
+    request whose fresh connection is reset before any reply byte arrived
+    therefore never reached the daemon, and is sent again on a new
+    connection, a few times."""
+
+    RESET_RETRIES = 5
+    RESET_PAUSE = 0.2
 
     def __init__(self, host: str, port: int, timeout: float) -> None:
         self.host = host
         self.port = port
         self.timeout = timeout
         self._sock: socket.socket | None = None
+        self._fresh = False  # no request has been answered on this connection
         self._pending = b""  # received bytes not yet used
+        self._in_reply = False  # a reply is being read
         self._sent = False  # the last request went out whole
+        self._reply_started = False  # a byte of the current reply came
 
     def __enter__(self) -> Channel:
         return self
@@ -91,30 +110,31 @@ class Channel:
             self._sock.close()
             self._sock = None
         self._pending = b""
+        self._in_reply = False
 
     def request(
         self,
         command: str,
         arguments: Mapping[str, str] | None = None,
         *,
-        body: Iterable[bytes] | None = None,
+        body: Callable[[], Iterable[bytes]] | None = None,
         sink: Callable[[bytes], None] | None = None,
     ) -> Reply:
-        """Sends one request (and its body, whose length must already be in
-        the "content-length" argument) and reads the reply. A Data body goes
-        to `sink` block by block when one is given, else into Reply.data.
-        Raises Refused for a Fail reply, ConnectionFailed when the
-        connection fails."""
+        """Sends one request and reads the reply. `body` gives the data body
+        (whose length must be in the "content-length" argument), anew for
+        every attempt. A Data body goes to `sink` block by block when one is
+        given, else into Reply.data. Raises Refused for a Fail reply,
+        ConnectionFailed when the connection fails."""
         header = encode_request(command, arguments or {})
-        sock = self._connect()
-        try:
-            sock.sendall(header)
-            for block in body or ():
-                sock.sendall(block)
-        except OSError as e:
-            self.close()
-            raise self._failure(f"sending {command}: {_describe(e)}") from e
-        return self._read_reply(command, sink)
+        for attempt in range(self.RESET_RETRIES + 1):
+            try:
+                return self._exchange(command, header, body, sink)
+            except _NotServed as e:
+                self.close()
+                if attempt == self.RESET_RETRIES:
+                    raise self._failure(f"{command}: {e}") from None
+                time.sleep(self.RESET_PAUSE * (attempt + 1))
+        raise AssertionError("unreachable")
 
     def request_then_close(self, command: str, arguments: Mapping[str, str] | None = None) -> Reply | None:
         """For the commands that end the daemon or the device: the reply, or
@@ -130,29 +150,62 @@ class Channel:
 
     # -- connection -----------------------------------------------------
 
+    def _exchange(
+        self,
+        command: str,
+        header: bytes,
+        body: Callable[[], Iterable[bytes]] | None,
+        sink: Callable[[bytes], None] | None,
+    ) -> Reply:
+        if self._in_reply:
+            self.close()  # an earlier reply was left half read
+        sock = self._connect()
+        self._sent = self._reply_started = False
+        try:
+            sock.sendall(header)
+            for block in body() if body else ():
+                sock.sendall(block)
+        except OSError as e:
+            self._give_up(f"sending {command}", e)
+        self._sent = True
+        self._in_reply = True
+        reply = self._read_reply(command, sink)
+        self._in_reply = False
+        self._fresh = False
+        return reply
+
     def _connect(self) -> socket.socket:
-        self._sent = False
         if self._sock is None:
             try:
                 self._sock = socket.create_connection((self.host, self.port), timeout=self.timeout)
             except OSError as e:
                 raise self._failure(f"cannot connect: {_describe(e)}") from e
             self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            self._fresh = True
         return self._sock
 
     def _failure(self, why: str) -> ConnectionFailed:
         return ConnectionFailed(self.host, self.port, why)
+
+    def _give_up(self, doing: str, error: OSError | None) -> NoReturn:
+        """Ends the connection after a failure; a reset of a fresh
+        connection before any reply byte becomes _NotServed."""
+        unanswered = self._fresh and not self._pending and not self._reply_started
+        self.close()
+        why = f"{doing}: {_describe(error)}" if error else doing
+        if unanswered and isinstance(error, ConnectionResetError | BrokenPipeError):
+            raise _NotServed(why)
+        raise self._failure(why) from error
 
     def _receive(self, command: str) -> bytes:
         assert self._sock is not None
         try:
             data = self._sock.recv(_RECEIVE_BLOCK)
         except OSError as e:
-            self.close()
-            raise self._failure(f"waiting for the reply to {command}: {_describe(e)}") from e
+            self._give_up(f"waiting for the reply to {command}", e)
         if not data:
-            self.close()
-            raise self._failure(f"the daemon closed the connection during the reply to {command}")
+            self._give_up(f"the daemon closed the connection during the reply to {command}", None)
+        self._reply_started = True
         return data
 
     def _read_until(self, command: str, end: bytes) -> bytes:
@@ -165,7 +218,6 @@ class Channel:
     # -- replies --------------------------------------------------------
 
     def _read_reply(self, command: str, sink: Callable[[bytes], None] | None) -> Reply:
-        self._sent = True
         first = self._read_until(command, b"\n").rstrip(b"\r")
         if first == b"Reply: Success":
             self._read_until(command, b"\n")
@@ -174,6 +226,7 @@ class Channel:
             # The reason is everything up to the final blank line, so that a
             # reason which itself holds a line end comes through unchanged.
             text = self._read_until(command, _FAIL_END)
+            self._in_reply = self._fresh = False  # read whole: the connection stays usable
             prefix = b"Reason: "
             if not text.startswith(prefix):
                 raise KoltaError(f"{command}: malformed Fail reply {text[:80]!r}")
