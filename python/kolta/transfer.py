@@ -53,7 +53,9 @@ def upload(channel: Channel, source: LocalSource, remote: str) -> tuple[int, str
 
     arguments = {"file": remote, "md5_sig": signature, "content-length": str(size)}
     try:
-        channel.request("putFile", arguments, body=body)
+        # The daemon waits for one read even when the body is empty: the end
+        # of the connection's input is that read.
+        channel.request("putFile", arguments, body=body, last=size == 0)
     except TransferFailed:
         channel.close()  # the daemon still waits for the rest of the body
         raise

@@ -119,8 +119,11 @@ class Channel:
         *,
         body: Callable[[], Iterable[bytes]] | None = None,
         sink: Callable[[bytes], None] | None = None,
+        last: bool = False,
     ) -> Reply:
-        """Sends one request and reads the reply. `body` gives the data body
+        """Sends one request and reads the reply. With `last` the sending
+        side of the connection is shut after the request, and the
+        connection closed after the reply. `body` gives the data body
         (whose length must be in the "content-length" argument), anew for
         every attempt. A Data body goes to `sink` block by block when one is
         given, else into Reply.data. Raises Refused for a Fail reply,
@@ -128,7 +131,10 @@ class Channel:
         header = encode_request(command, arguments or {})
         for attempt in range(self.RESET_RETRIES + 1):
             try:
-                return self._exchange(command, header, body, sink)
+                reply = self._exchange(command, header, body, sink, last)
+                if last:
+                    self.close()
+                return reply
             except _NotServed as e:
                 self.close()
                 if attempt == self.RESET_RETRIES:
@@ -156,6 +162,7 @@ class Channel:
         header: bytes,
         body: Callable[[], Iterable[bytes]] | None,
         sink: Callable[[bytes], None] | None,
+        last: bool,
     ) -> Reply:
         if self._in_reply:
             self.close()  # an earlier reply was left half read
@@ -165,6 +172,8 @@ class Channel:
             sock.sendall(header)
             for block in body() if body else ():
                 sock.sendall(block)
+            if last:
+                sock.shutdown(socket.SHUT_WR)
         except OSError as e:
             self._give_up(f"sending {command}", e)
         self._sent = True
