@@ -92,7 +92,11 @@ def download_to(channel: Channel, remote: str, local: str | os.PathLike[str]) ->
     fd, temporary = tempfile.mkstemp(dir=target.parent, prefix=f".{target.name}.", suffix=".part")
     try:
         with os.fdopen(fd, "wb") as f:
-            channel.request("getFile", {"file": remote}, sink=f.write)
+
+            def write(block: bytes) -> None:
+                f.write(block)
+
+            channel.request("getFile", {"file": remote}, sink=write)
         os.replace(temporary, target)
     except BaseException:
         os.unlink(temporary)

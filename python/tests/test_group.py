@@ -24,7 +24,8 @@ def test_group_reports_each_hosts_failure(sandboxes: Sandboxes) -> None:
     good = f"127.0.0.1:{sandboxes.ports[0]}"
     group = DeviceGroup([good, "127.0.0.1:1"])
     results = group.run("echo hi")
-    assert not isinstance(results[good], BaseException) and results[good].stdout == b"hi\n"
+    answer = results[good]
+    assert not isinstance(answer, BaseException) and answer.stdout == b"hi\n"
     assert isinstance(results["127.0.0.1:1"], ConnectionFailed)
     assert group.test() == {good: True, "127.0.0.1:1": False}
 
