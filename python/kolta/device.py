@@ -6,7 +6,7 @@ import os
 import time
 import uuid
 from collections.abc import Callable, Sequence
-from typing import TypeVar
+from typing import TypeVar, overload
 
 from kolta.errors import CommandFailed, ConnectionFailed, KoltaError
 from kolta.process import Process, fetch_output, query_state, stop_process, wait_for_end
@@ -125,6 +125,12 @@ class Device:
             size, signature = upload(channel, local, remote)
             if verify_copy:
                 verify(channel, remote, size, signature)
+
+    @overload
+    def get(self, remote: str, local: None = None) -> bytes: ...
+
+    @overload
+    def get(self, remote: str, local: str | os.PathLike[str]) -> None: ...
 
     def get(self, remote: str, local: str | os.PathLike[str] | None = None) -> bytes | None:
         """The device's file as bytes, or, with `local`, written to that
