@@ -16,6 +16,18 @@ LocalSource = str | os.PathLike[str] | bytes
 _BLOCK = 1 << 20
 
 
+def _process_umask() -> int:
+    """The umask, read without changing it (os.umask would, for every
+    thread at once)."""
+    try:
+        for line in Path("/proc/self/status").read_text().splitlines():
+            if line.startswith("Umask:"):
+                return int(line.split()[1], 8)
+    except (OSError, ValueError, IndexError):
+        pass
+    return 0o022
+
+
 def _file_blocks(path: Path, size: int) -> Iterator[bytes]:
     """Exactly `size` bytes of the file, in blocks."""
     left = size
@@ -91,6 +103,7 @@ def download_to(channel: Channel, remote: str, local: str | os.PathLike[str]) ->
     target = Path(local)
     fd, temporary = tempfile.mkstemp(dir=target.parent, prefix=f".{target.name}.", suffix=".part")
     try:
+        os.fchmod(fd, 0o666 & ~_process_umask())  # as an ordinary new file, not 0600
         with os.fdopen(fd, "wb") as f:
 
             def write(block: bytes) -> None:

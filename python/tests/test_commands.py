@@ -7,6 +7,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from kolta import CommandFailed, Device
+from kolta.words import join_words
 
 
 def test_run_returns_whole_stdout_stderr_and_exit_status(device: Device) -> None:
@@ -78,3 +79,13 @@ def test_execute_reports_a_missing_program(device: Device) -> None:
     result = device.execute("/no/such/program", ["x"])
     assert result.returncode == 255
     assert b"No such file or directory" in result.stderr
+
+
+def test_words_joined_for_the_splitter() -> None:
+    assert join_words(["a", "", "b"]) == "a  b"  # two blanks: an empty word between
+    assert join_words(["a", ""]) == "a "  # a trailing blank: an empty last word
+    assert join_words(['"x y"', '"tail']) == '"x y" "tail'  # the last word may leave a quote open
+    with pytest.raises(ValueError):
+        join_words([""])  # the daemon takes no empty argument text
+    with pytest.raises(TypeError):
+        join_words("one string")

@@ -21,6 +21,12 @@ def _md5(path: Path) -> str:
     return digest.hexdigest()
 
 
+def _umask() -> int:
+    mask = os.umask(0)
+    os.umask(mask)
+    return mask
+
+
 def test_64_mib_file_round_trip(device: Device, tmp_path: Path) -> None:
     source = tmp_path / "big.bin"
     with source.open("wb") as f:
@@ -31,6 +37,7 @@ def test_64_mib_file_round_trip(device: Device, tmp_path: Path) -> None:
     assert device.get("/tmp/big.bin", copy) is None
     device.remove("/tmp/big.bin")
     assert copy.stat().st_size == BIG and _md5(copy) == _md5(source)
+    assert copy.stat().st_mode & 0o777 == 0o666 & ~_umask()
     assert sorted(p.name for p in tmp_path.iterdir()) == ["big.bin", "copy.bin"]  # no temporary left
 
 
