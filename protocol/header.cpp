@@ -35,8 +35,6 @@ bool wait_readable(int sock, long long deadline) {
   }
 }
 
-// A line the splitter cannot leave: the worker holds the connection, reading
-// nothing, until the header's time limit runs out.
 void sleep_until(long long deadline) {
   while (remaining_ms(deadline) > 0) ::poll(nullptr, 0, remaining_ms(deadline));
 }
@@ -99,7 +97,7 @@ int SplitNVPair(const char* line, char (&name_out)[kNameSize], char (&value_out)
   return split_nv_line(line, name_out, value_out, &overflow) == split_result::ok ? 0 : 1;
 }
 
-int read_header(int sock, nv_header* header, int timeout_ms) {
+header_outcome read_header_until(int sock, nv_header* header, int timeout_ms) {
   DestroyHeader(header);
   header->excess = kExcessNone;
   char chunk[kChunkSize] = {};
@@ -108,13 +106,15 @@ int read_header(int sock, nv_header* header, int timeout_ms) {
   bool line_too_long = false;
   int count = 0;
   const long long deadline = now_ms() + timeout_ms;
+  auto outcome = [&](header_end end) { return header_outcome{count, end, deadline}; };
 
   for (;;) {
-    if (!rx_stream_has_buffered() && !wait_readable(sock, deadline)) return header_timeout();
-    unsigned got = rx_stream_read(sock, chunk, sizeof chunk);
-    if (got < 1) return count;
+    if (!rx_stream_has_buffered() && !wait_readable(sock, deadline)) return outcome(header_end::timeout);
+    long got = rx_stream_read_or_fail(sock, chunk, sizeof chunk);
+    if (got < 0) return outcome(header_end::read_error);
+    if (got == 0) return outcome(header_end::closed);
 
-    for (unsigned i = 0; i < got; ++i) {
+    for (long i = 0; i < got; ++i) {
       char c = chunk[i];
       if (c == '\r') continue;
       if (c != '\n') {
@@ -128,17 +128,14 @@ int read_header(int sock, nv_header* header, int timeout_ms) {
       if (line_len == 0) {
         // The header is complete; what follows belongs to the body or to the
         // next request.
-        rx_stream_unread(sock, got - i - 1);
-        return count;
+        rx_stream_unread(sock, static_cast<unsigned>(got - i - 1));
+        return outcome(header_end::complete);
       }
       if (count < kHeaderPairs) {
         split_overflow overflow;
         split_result r = split_nv_line(std::string_view(line, line_len), header->names[count],
                                        header->values[count], &overflow);
-        if (r == split_result::stalled) {
-          sleep_until(deadline);
-          return header_timeout();
-        }
+        if (r == split_result::stalled) return outcome(header_end::stalled);
         if (count == 0 && overflow.value) header->excess |= kExcessFirstValue;
         if (overflow.name || overflow.value) header->excess |= kExcessLimits;
         ++count;
@@ -151,6 +148,25 @@ int read_header(int sock, nv_header* header, int timeout_ms) {
       line_too_long = false;
     }
   }
+}
+
+int read_header(int sock, nv_header* header, int timeout_ms) {
+  header_outcome r = read_header_until(sock, header, timeout_ms);
+  switch (r.end) {
+    case header_end::read_error:
+      rx_stream_read_failed();
+    case header_end::stalled:
+      // A line the splitter cannot leave: the worker holds the connection,
+      // reading nothing, until the header's time limit runs out.
+      sleep_until(r.deadline);
+      return header_timeout();
+    case header_end::timeout:
+      return header_timeout();
+    case header_end::complete:
+    case header_end::closed:
+      break;
+  }
+  return r.count;
 }
 
 int RvcHeader(int sock, nv_header* header) {

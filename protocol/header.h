@@ -34,6 +34,24 @@ int RvcHeader(int sock, nv_header* header);
 // RvcHeader with its time limit as a parameter, in milliseconds.
 int read_header(int sock, nv_header* header, int timeout_ms);
 
+enum class header_end {
+  complete,    // the empty line arrived
+  closed,      // the peer closed first
+  timeout,     // the time limit ran out first
+  stalled,     // a line the splitter cannot leave (a colon not followed by a blank)
+  read_error,  // the socket read failed (errno tells why)
+};
+
+struct header_outcome {
+  int count;           // lines split into pairs
+  header_end end;      // how the header ended
+  long long deadline;  // monotonic milliseconds at which the time limit runs out
+};
+
+// The reader itself, for callers that handle every ending themselves (the
+// client): prints nothing and never ends the process.
+header_outcome read_header_until(int sock, nv_header* header, int timeout_ms);
+
 // Splits one line into name and value. 0 at once for an empty line; else 0,
 // or 1 on a syntax error (a byte of 0x80 or above, or a colon in the name
 // that is not followed by a blank).

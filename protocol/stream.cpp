@@ -23,6 +23,18 @@ rx_stream g_stream;
 }  // namespace
 
 unsigned rx_stream_read(int sock, char* dst, unsigned max) {
+  long got = rx_stream_read_or_fail(sock, dst, max);
+  if (got < 0) rx_stream_read_failed();
+  return static_cast<unsigned>(got);
+}
+
+void rx_stream_read_failed() {
+  std::perror("EXCEPTION: rx_stream_read: init-state");
+  std::fputs("Connection interrupted during read\n", stderr);
+  std::exit(255);
+}
+
+long rx_stream_read_or_fail(int sock, char* dst, unsigned max) {
   rx_stream& s = g_stream;
   if (s.state == 1) {
     unsigned avail = s.end - s.current;
@@ -38,11 +50,7 @@ unsigned rx_stream_read(int sock, char* dst, unsigned max) {
   do {
     got = ::read(sock, s.buffer, sizeof s.buffer);
   } while (got < 0 && errno == EINTR);
-  if (got < 0) {
-    std::perror("EXCEPTION: rx_stream_read: init-state");
-    std::fputs("Connection interrupted during read\n", stderr);
-    std::exit(255);
-  }
+  if (got < 0) return -1;
 
   s.end = static_cast<unsigned>(got);
   unsigned n = std::min(max, s.end);

@@ -17,6 +17,14 @@ inline constexpr unsigned kStreamBufferSize = 1600;
 // status 255.
 unsigned rx_stream_read(int sock, char* dst, unsigned max);
 
+// rx_stream_read for a caller that handles a failed read itself (the client):
+// -1 with errno set instead of ending the process.
+long rx_stream_read_or_fail(int sock, char* dst, unsigned max);
+
+// What a failed read does to a connection worker: reports the system error
+// and ends the process with status 255.
+[[noreturn]] void rx_stream_read_failed();
+
 // Gives the last `count` bytes handed out by the most recent read back to the
 // buffer. Returns `count`, or 0 (changing nothing) when that is not possible.
 unsigned rx_stream_unread(int sock, unsigned count);

@@ -5,10 +5,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <random>
 #include <regex>
 
-#include "lib/md5.h"
 #include "tests/support/wire.h"
 
 namespace kolta_test {
@@ -22,24 +20,6 @@ std::string put_request(const std::string& file, const std::string& sig, const s
              "putFile",
              {{"file", file}, {"md5_sig", sig}, {"content-length", std::to_string(body.size())}}) +
          body;
-}
-
-std::string md5_text(const std::string& bytes, bool upper = true) {
-  md5_context ctx;
-  MD5Init(&ctx);
-  MD5Update(&ctx, bytes.data(), bytes.size());
-  std::uint8_t digest[16];
-  MD5Final(digest, &ctx);
-  char text[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, upper ? "%02X" : "%02x", digest[i]);
-  return text;
-}
-
-std::string random_bytes(std::size_t n, unsigned seed) {
-  std::mt19937_64 gen(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen());
-  return s;
 }
 
 using DeviceFiles = DaemonTest;

@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test: the plain build, the same tests under
-# AddressSanitizer and UBSan, and a short run of every fuzz target.
+# Builds everything and runs every test: the plain build, the Python client's
+# tests against it, the same C++ tests under AddressSanitizer and UBSan, and a
+# short run of every fuzz target.
 # KOLTA_FUZZ_SECONDS sets the fuzzing time per target (default 15).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
-ensure_packages cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-dev util-linux
+ensure_packages cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-dev util-linux \
+  python3-pytest python3-venv python3-pip python3-setuptools python3-wheel
 
 jobs=$(nproc)
 run_suite() {
@@ -18,6 +20,16 @@ run_suite() {
 
 echo "== plain build"
 run_suite build-test -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+echo "== Python client"
+# Debian's interpreter and pytest; the daemons run in kolta_sandbox.
+python_status=0
+KOLTA_SANDBOX="$PWD/build-test/tests/kolta_sandbox" PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 -m pytest -q -rs -p no:cacheprovider python/tests || python_status=$?
+if [ "$python_status" -eq 5 ]; then
+  echo "no Python tests were collected" >&2
+fi
+[ "$python_status" -eq 0 ] || exit "$python_status"
 echo "== AddressSanitizer and UBSan build"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DKOLTA_SANITIZE=ON

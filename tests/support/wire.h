@@ -10,11 +10,13 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "lib/md5.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/vesk_client.h"
 
@@ -37,6 +39,26 @@ inline std::string fail(const std::string& reason) {
 inline std::string data(const std::string& body, const std::string& type = "text/plain") {
   return "Reply: Data\r\nContent-length: " + std::to_string(body.size()) +
          "\r\nContent-Type: " + type + "\r\n\r\n" + body;
+}
+
+// The MD5 signature of `bytes` in its text form.
+inline std::string md5_text(const std::string& bytes, bool upper = true) {
+  md5_context ctx;
+  MD5Init(&ctx);
+  MD5Update(&ctx, bytes.data(), bytes.size());
+  std::uint8_t digest[16];
+  MD5Final(digest, &ctx);
+  char text[33];
+  for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, upper ? "%02X" : "%02x", digest[i]);
+  return text;
+}
+
+// `n` pseudo-random bytes, the same for the same seed.
+inline std::string random_bytes(std::size_t n, unsigned seed) {
+  std::mt19937_64 gen(seed);
+  std::string s(n, '\0');
+  for (char& c : s) c = static_cast<char>(gen());
+  return s;
 }
 
 inline VeskClient connect_to(int port) {

@@ -1,0 +1,26 @@
+"""Client for the KOLTA remote process manager daemon (koltad).
+
+    from kolta import Device
+    device = Device("192.0.2.10")
+    result = device.run("uname -a")
+"""
+
+from kolta.device import Device
+from kolta.errors import CommandFailed, ConnectionFailed, KoltaError, Refused, TransferFailed
+from kolta.group import DeviceGroup
+from kolta.process import Process
+from kolta.results import ProcessState, Result
+
+__all__ = [
+    "CommandFailed",
+    "ConnectionFailed",
+    "Device",
+    "DeviceGroup",
+    "KoltaError",
+    "Process",
+    "ProcessState",
+    "Refused",
+    "Result",
+    "TransferFailed",
+]
+__version__ = "0.1.0"

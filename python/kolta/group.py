@@ -1,0 +1,64 @@
+"""The same call on many devices at once."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterable
+from concurrent.futures import ThreadPoolExecutor
+from typing import TypeVar
+
+from kolta.device import DEFAULT_PORT, Device
+from kolta.results import Result
+from kolta.transfer import LocalSource
+
+_T = TypeVar("_T")
+
+
+def parse_host(entry: str, default_port: int) -> tuple[str, int]:
+    """"host", "host:port", "[v6-address]" or "[v6-address]:port"; a bare
+    address with several colons is taken as an IPv6 address."""
+    if entry.startswith("["):
+        address, sep, rest = entry[1:].partition("]")
+        if not sep or (rest and not rest.startswith(":")):
+            raise ValueError(f"bad host entry {entry!r}")
+        return address, int(rest[1:]) if rest else default_port
+    if entry.count(":") == 1:
+        host, _, port = entry.partition(":")
+        return host, int(port)
+    return entry, default_port
+
+
+class DeviceGroup:
+    """Many devices, each named by its entry in `hosts`. The calls run on
+    every device in parallel and return a dict from entry to the call's
+    result, or to the exception that the call raised on that device."""
+
+    def __init__(self, hosts: Iterable[str], port: int = DEFAULT_PORT, timeout: float = 30.0) -> None:
+        self.devices: dict[str, Device] = {}
+        for entry in hosts:
+            host, host_port = parse_host(entry, port)
+            self.devices[entry] = Device(host, host_port, timeout)
+        if not self.devices:
+            raise ValueError("DeviceGroup needs at least one host")
+
+    def __len__(self) -> int:
+        return len(self.devices)
+
+    def run(self, cmd: str | bytes, check: bool = False) -> dict[str, Result | BaseException]:
+        return self._on_all(lambda d: d.run(cmd, check=check))
+
+    def put(self, local: LocalSource, remote: str) -> dict[str, None | BaseException]:
+        return self._on_all(lambda d: d.put(local, remote))
+
+    def test(self) -> dict[str, bool | BaseException]:
+        return self._on_all(lambda d: d.test())
+
+    def _on_all(self, call: Callable[[Device], _T]) -> dict[str, _T | BaseException]:
+        def guarded(device: Device) -> _T | BaseException:
+            try:
+                return call(device)
+            except Exception as e:  # handed to the caller, per device
+                return e
+
+        with ThreadPoolExecutor(max_workers=len(self.devices)) as pool:
+            outcomes = pool.map(guarded, self.devices.values())
+            return dict(zip(self.devices, outcomes))

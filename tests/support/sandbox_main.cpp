@@ -1,0 +1,112 @@
+// kolta_sandbox: runs sandboxed daemons for tests written outside C++ (the
+// Python client's tests, command-line tests).
+//
+//   kolta_sandbox [--count N]
+//
+// Starts N daemons (default 1), each in its own sandbox, and prints the TCP
+// port of each on its own line of standard output, in order. They run until
+// standard input reaches its end or the helper gets SIGTERM, SIGINT or SIGHUP;
+// then every daemon is stopped and its sandbox removed.
+//
+// Exit status: 0 after a normal stop; 77 when sandboxes cannot be made here
+// (no root or no namespaces; the reason is on standard error); 1 when a daemon
+// did not come up; 2 on a usage error.
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "tests/support/sandbox.h"
+
+namespace {
+
+constexpr int kExitUnavailable = 77;
+constexpr int kMaxCount = 32;
+
+int usage() {
+  std::fputs("usage: kolta_sandbox [--count N]   (1 <= N <= 32)\n", stderr);
+  return 2;
+}
+
+// Blocks until standard input ends or a stop signal arrives. The signals are
+// blocked only now, after the daemons were forked, so that they do not
+// inherit a blocked SIGTERM.
+void wait_for_stop() {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGHUP);
+  sigprocmask(SIG_BLOCK, &stop, nullptr);
+  int sfd = signalfd(-1, &stop, SFD_CLOEXEC);
+  if (sfd < 0) {
+    std::perror("kolta_sandbox: signalfd");
+    return;
+  }
+  pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {sfd, POLLIN, 0}};
+  for (;;) {
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      std::perror("kolta_sandbox: poll");
+      break;
+    }
+    if (fds[1].revents != 0) break;
+    if (fds[0].revents != 0) {
+      char discard[256];
+      ssize_t n = read(STDIN_FILENO, discard, sizeof discard);
+      if (n <= 0 && !(n < 0 && errno == EINTR)) break;  // end of input or a broken stdin
+    }
+  }
+  close(sfd);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int count = 1;
+  for (int i = 1; i < argc; ++i) {
+    std::string_view arg = argv[i];
+    if (arg == "--count" && i + 1 < argc) {
+      char* end = nullptr;
+      long n = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || n < 1 || n > kMaxCount) return usage();
+      count = static_cast<int>(n);
+    } else {
+      return usage();
+    }
+  }
+
+  if (const std::string& why = kolta_test::sandbox_unavailable_reason(); !why.empty()) {
+    std::fprintf(stderr, "kolta_sandbox: needs root and namespaces: %s\n", why.c_str());
+    return kExitUnavailable;
+  }
+
+  std::vector<std::unique_ptr<kolta_test::Sandbox>> daemons;
+  for (int i = 0; i < count; ++i) {
+    auto sandbox = std::make_unique<kolta_test::Sandbox>();
+    if (!sandbox->start()) {
+      std::fprintf(stderr, "kolta_sandbox: daemon %d did not start: %s\n", i + 1,
+                   sandbox->error().c_str());
+      return 1;  // the destructors stop the daemons started so far
+    }
+    daemons.push_back(std::move(sandbox));
+  }
+  for (const auto& sandbox : daemons) std::printf("%d\n", sandbox->port());
+  std::fflush(stdout);
+
+  wait_for_stop();
+  // Each daemon's clean-up takes a few seconds: stop them side by side.
+  std::vector<std::thread> stopping;
+  for (auto& sandbox : daemons) stopping.emplace_back([&sandbox] { sandbox->stop(); });
+  for (std::thread& t : stopping) t.join();
+  return 0;
+}
