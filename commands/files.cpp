@@ -14,6 +14,8 @@ std::FILE* gFp = nullptr;
 
 namespace {
 
+constexpr std::size_t kFileBufferSize = 64 * 1024;
+
 // The "putFile" being stored: its path, and the first write error if any.
 struct put_transfer {
   bool open = false;
@@ -65,6 +67,7 @@ int getFile_fn(vesk_request* request, resp_obj* resp) {
   gFp = fdopen(fd.get(), "rb");
   if (gFp == nullptr) return reply_fail(resp, "File open error.");
   fd.release();
+  std::setvbuf(gFp, nullptr, _IOFBF, kFileBufferSize);  // large reads under the 2048-byte blocks
 
   // A file that reports no size but has content (the /proc and /sys kind)
   // is read whole first, so that its true size can be announced.
@@ -111,6 +114,7 @@ int putFile_fn(vesk_request* request, resp_obj* resp) {
   std::printf("putFile: [%s]\n", file);
   gFp = std::fopen(file, "wb");
   if (gFp == nullptr) return reply_fail(resp, "file open error !");
+  std::setvbuf(gFp, nullptr, _IOFBF, kFileBufferSize);  // large writes under the 513-byte blocks
   g_put = put_transfer{};
   g_put.open = true;
   struct stat st {};

@@ -2,12 +2,15 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "lib/bounded.h"
 #include "lib/launch.h"
 #include "lib/split_args.h"
 #include "procman/task.h"
 
 pid_t spawn_background_process(const pm_process& rec, const pm_request& req) {
+  std::fflush(stdout);  // the child must not write the task's lines again
   pid_t pid = fork();
   if (pid != 0) return pid;
 

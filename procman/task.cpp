@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <deque>
 #include <sys/msg.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -21,8 +20,41 @@ namespace {
 
 ctnr_node* g_registry = nullptr;
 
-// Requests taken off the queue to make room for an answer, served first.
-std::deque<pm_msg> g_backlog;
+// Requests taken off the queue to make room for an answer, served first, in
+// the order they were taken: a ring that grows when it is full. There are
+// never more of them than workers waiting.
+struct request_backlog {
+  pm_msg* items = nullptr;
+  std::size_t capacity = 0;
+  std::size_t first = 0;
+  std::size_t count = 0;
+
+  bool empty() const { return count == 0; }
+
+  bool push(const pm_msg& msg) {
+    if (count == capacity) {
+      std::size_t grown = capacity == 0 ? 8 : capacity * 2;
+      auto* bigger = static_cast<pm_msg*>(std::malloc(grown * sizeof(pm_msg)));
+      if (bigger == nullptr) return false;
+      for (std::size_t i = 0; i < count; ++i) bigger[i] = items[(first + i) % capacity];
+      std::free(items);
+      items = bigger;
+      capacity = grown;
+      first = 0;
+    }
+    items[(first + count++) % capacity] = msg;
+    return true;
+  }
+
+  pm_msg pop() {
+    pm_msg msg = items[first];
+    first = (first + 1) % capacity;
+    --count;
+    return msg;
+  }
+};
+
+request_backlog g_backlog;
 
 // The requesters most recently answered: an answer that a requester did not
 // live to take is looked for among them when the queue is full.
@@ -53,8 +85,10 @@ bool throw_away_gone_answers(int queue) {
 bool make_room(int queue) {
   pm_msg request;
   if (msgrcv(queue, &request, kPmBodySize, kPmRequestType, IPC_NOWAIT | MSG_NOERROR) >= 0) {
-    g_backlog.push_back(request);
-    return true;
+    if (g_backlog.push(request)) return true;
+    // No memory to hold it: it goes back to the end of the queue.
+    msgsnd(queue, &request, kPmBodySize, IPC_NOWAIT);
+    return false;
   }
   return throw_away_gone_answers(queue);
 }
@@ -416,8 +450,7 @@ int pm_run() {
     }
     if (queue_holds_messages(queue)) throw_away_gone_answers(queue);
     if (!g_backlog.empty()) {
-      msg = g_backlog.front();
-      g_backlog.pop_front();
+      msg = g_backlog.pop();
     } else if (msgrcv(queue, &msg, kPmBodySize, kPmRequestType, MSG_NOERROR) < 0) {
       usleep(100);
       std::fflush(stdout);

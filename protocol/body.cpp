@@ -33,6 +33,9 @@ bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* 
   bool block_failed = false;
   do {
     char block[kBodyBlockSize] = {};
+    // The progress lines go out whenever the next block must come from the
+    // socket: at least once per large read, and before waiting for the peer.
+    if (!rx_stream_has_buffered()) std::fflush(stdout);
     unsigned got = rx_stream_read(sock, block, sizeof block);
     if (got == 0 && received < length) {
       // The peer has closed: the rest of the body will never come.
@@ -57,7 +60,6 @@ bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* 
     if (useful == 0) continue;
     std::printf("%lld / %lld (%d)        \r", static_cast<long long>(received), content_length,
                 static_cast<int>(useful));
-    std::fflush(stdout);
     if (call_writer(writer, resp, false, block, static_cast<int>(useful), error_text) != 0) {
       block_failed = true;
     }

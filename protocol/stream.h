@@ -9,7 +9,7 @@
 
 #include <cstddef>
 
-inline constexpr unsigned kStreamBufferSize = 1600;
+inline constexpr unsigned kStreamBufferSize = 64 * 1024;
 
 // Hands out up to `max` bytes. While the buffer holds unread bytes, only
 // those are handed out; otherwise one read(2) refills it. Returns the number

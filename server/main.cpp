@@ -15,6 +15,8 @@
 
 namespace {
 
+constexpr std::size_t kLogBufferSize = 32 * 1024;
+
 void Usage() { std::printf("Usage:\n-d .. enable network debugging"); }
 
 // In force until the accept loop installs its own reaper.
@@ -23,7 +25,11 @@ void startup_child_reaper(int /*sig*/) { reap_children_logged("KOLTA"); }
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  // The log is written in large pieces, and flushed wherever a reader needs
+  // it current: before every fork, before every wait that can last (for a
+  // connection, a request, a body, a program, the process manager), after
+  // each reply, and on the way out.
+  std::setvbuf(stdout, nullptr, _IOFBF, kLogBufferSize);
   std::printf("KOLTA Linux Remote Process Manager V 05.00  %s %s (VESK)\n", __DATE__, __TIME__);
   std::printf("compiled-in options:\n");
   std::printf("( ) supports concurrent client processing\n");

@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr std::size_t kGatheredSendSize = 64 * 1024;
+
 // Sends a Data reply's body: exactly the Content-length it announced. A
 // reader that has more is cut there; one that ends early leaves the
 // connection unusable. False when the connection must end.
@@ -23,22 +25,33 @@ bool send_data_body(int sock, resp_obj& resp) {
     return true;
   }
   if (resp.reader == nullptr) return announced == 0;
-  char block[kReaderBlockSize];
-  unsigned long long sent = 0;
-  while (sent < announced) {
-    const unsigned long long left = announced - sent;
-    const int want = left < sizeof block ? static_cast<int>(left) : static_cast<int>(sizeof block);
-    int n = resp.reader(resp.reader_ctx, block, want);
+  // The reader is called for blocks of 2048 bytes; they go out gathered.
+  static char gathered[kGatheredSendSize];
+  std::size_t pending = 0;
+  auto send_gathered = [&] {
+    std::fflush(stdout);  // the reader's lines, before a write that can wait for the peer
+    if (pending > 0 && !send_all(sock, gathered, pending)) broken_connection();
+    pending = 0;
+  };
+  unsigned long long produced = 0;
+  while (produced < announced) {
+    const unsigned long long left = announced - produced;
+    const int want = left < kReaderBlockSize ? static_cast<int>(left) : kReaderBlockSize;
+    if (pending + static_cast<std::size_t>(want) > sizeof gathered) send_gathered();
+    int n = resp.reader(resp.reader_ctx, gathered + pending, want);
     if (n <= 0) {
+      send_gathered();
       std::fprintf(stderr, "VESK_S: pid=%d data ended after %llu of %llu bytes, closing\n",
-                   getpid(), sent, announced);
+                   getpid(), produced, announced);
       return false;
     }
     if (n > want) n = want;
-    if (!send_all(sock, block, static_cast<std::size_t>(n))) broken_connection();
-    sent += static_cast<unsigned long long>(n);
+    pending += static_cast<std::size_t>(n);
+    produced += static_cast<unsigned long long>(n);
   }
-  resp.reader(resp.reader_ctx, block, 0);  // the reader lets go of what it holds
+  send_gathered();
+  char last[kReaderBlockSize];
+  resp.reader(resp.reader_ctx, last, 0);  // the reader lets go of what it holds
   return true;
 }
 
@@ -83,6 +96,7 @@ void serve_connection(int sock, command_fn handler, int header_timeout_ms) {
   resp.type = kReplySuccess;
 
   for (;;) {
+    std::fflush(stdout);  // the last reply's lines, before waiting for the next request
     if (read_header(sock, &request.header, header_timeout_ms) == 0) return;
     if ((request.header.excess & kExcessFirstValue) != 0 ||
         !bounded_copy(request.command, request.header.values[0])) {

@@ -19,6 +19,9 @@ void end_worker(int status) {
 }
 
 void broken_connection() {
+  // Called where a write to the peer failed (or raised SIGPIPE), never from
+  // inside a stdio call: the lines held so far go out before the block.
+  std::fflush(stdout);
   signal_safe_print(STDOUT_FILENO,
                     "%s\nVESK_S: pid=%d NETWORK CONNECTION BROKEN !!!\n"
                     "        ->check VESK-Timeout settings at client side !!!\n"
