@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -174,6 +175,17 @@ int main(int argc, char** argv) {
   if (task.size() != 1) fail("expected one process-manager task");
   std::printf("rss_daemon_kb=%ld\nrss_task_kb=%ld\n", proc_kb(daemon.pid(), "status", "VmRSS"),
               proc_kb(task[0], "status", "VmRSS"));
+  {  // The floor: what an idle "sleep" holds, a small program on the same C library.
+    pid_t idle = fork();
+    if (idle == 0) {
+      execl("/bin/sleep", "sleep", "5", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::printf("rss_sleep_kb=%ld\n", proc_kb(idle, "status", "VmRSS"));
+    kill(idle, SIGKILL);
+    waitpid(idle, nullptr, 0);
+  }
 
   // putFile, then getFile on the same connection.
   {

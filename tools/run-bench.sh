@@ -172,6 +172,7 @@ echo "footprint                                              value unit         
 row "koltad stripped (Release)" "${m[size_bytes]}" bytes "" "<= 100 KB: $(yes_no "${m[size_bytes]} <= 100000")"
 only_libc=$([ "$(echo "${m[links]}" | xargs)" = "libc.so.6" ] && echo 1 || echo 0)
 printf '  %-44s %s  (only the C library: %s)\n' "koltad links at run time" "${m[links]}" "$(yes_no "$only_libc")"
+row "idle sleep(1), resident (floor)" "${m[rss_sleep_kb]}" kB "" ""
 row "idle daemon, resident" "${m[rss_daemon_kb]}" kB "" "<= 1.5 MB: $(yes_no "${m[rss_daemon_kb]} <= 1536")"
 row "idle process-manager task, resident" "${m[rss_task_kb]}" kB "" "<= 1.5 MB: $(yes_no "${m[rss_task_kb]} <= 1536")"
 row "32 open connections: one worker, resident" "${m[rss_worker_kb]}" kB "" ""
