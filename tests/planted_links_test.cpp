@@ -25,7 +25,7 @@ TEST_F(PlantedLinks, NothingOutsideTheNamedFileIsWritten) {
   int last = 0;
   std::ifstream("/proc/sys/kernel/ns_last_pid") >> last;
   ASSERT_GT(last, 0);
-  for (int pid = last + 1; pid <= last + 300; ++pid) {
+  for (int pid = last + 1; pid <= last + 1000; ++pid) {
     for (const char* stream : {"stdout", "stderr"})
       plant("/tmp/kolta-bkprocess-" + std::string(stream) + "." + std::to_string(pid));
   }
