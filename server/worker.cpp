@@ -62,7 +62,8 @@ bool send_reply(int sock, resp_obj& resp) {
   std::size_t header_len = format_reply_header(resp, header);
   switch (resp.type) {
     case kReplySuccess:
-      std::fflush(stdout);
+      // The worker's lines go out together after the reply: before it waits
+      // for the next request, or as it ends.
       std::printf("VESK_S: pid=%d REPLY SUCCESS: [%s]\n", getpid(), kReplySuccessLine);
       if (!send_all(sock, header, header_len)) broken_connection();
       return true;
