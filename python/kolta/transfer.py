@@ -9,7 +9,7 @@ import tempfile
 from collections.abc import Iterator
 from pathlib import Path
 
-from kolta.errors import TransferFailed
+from kolta.errors import Refused, TransferFailed
 from kolta.wire import Channel
 
 LocalSource = str | os.PathLike[str] | bytes
@@ -84,7 +84,11 @@ def verify(channel: Channel, remote: str, size: int, signature: str) -> None:
         digest.update(block)
         count += len(block)
 
-    channel.request("getFile", {"file": remote}, sink=take)
+    try:
+        channel.request("getFile", {"file": remote}, sink=take)
+    except Refused as refused:
+        # The daemon reads back regular files only (not a device or a FIFO).
+        raise TransferFailed(remote, f"the device's copy cannot be read back: {refused.reason}") from refused
     if count != size or digest.hexdigest().upper() != signature:
         raise TransferFailed(
             remote,

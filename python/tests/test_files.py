@@ -56,7 +56,7 @@ def test_bytes_round_trip_and_remove(device: Device) -> None:
 
 def test_put_raises_when_the_device_copy_differs(device: Device) -> None:
     with pytest.raises(TransferFailed):
-        device.put(b"lost on the way", "/dev/null")  # stored nowhere: reads back empty
+        device.put(b"lost on the way", "/dev/null")  # stored nowhere, and cannot be read back
 
 
 def test_failed_download_leaves_no_local_file(device: Device, tmp_path: Path) -> None:
