@@ -67,18 +67,22 @@ Subsystem sftp internal-sftp
 LogLevel ERROR
 EOF
 mkdir -p /run/sshd
-/usr/sbin/sshd -D -e -f "$work/sshd_config" 2>"$work/sshd.log" &
-servers+=($!)
 
-# Dropbear reads ~/.ssh/authorized_keys: give it a temporary home.
+# Both servers see an empty temporary home through a private mount: Dropbear
+# reads ~/.ssh/authorized_keys from it, and neither runs the user's shell
+# start-up files, which would time the machine's own configuration.
 mkdir -p "$work/home/.ssh"
 chmod 700 "$work/home" "$work/home/.ssh"
 cp "$work/id.pub" "$work/home/.ssh/authorized_keys"
+with_temporary_home() { # run in the background: the server keeps this subshell's pid
+  exec unshare -m sh -c "mount --make-rprivate / && mount --bind '$work/home' '$home' && exec \"\$@\"" sh "$@"
+}
+with_temporary_home /usr/sbin/sshd -D -e -f "$work/sshd_config" 2>"$work/sshd.log" &
+servers+=($!)
 dropbearkey -t ed25519 -f "$work/dropbear_key" >/dev/null 2>&1
 db_port=$(free_port)
-unshare -m sh -c "mount --make-rprivate / && mount --bind '$work/home' '$home' &&
-  exec dropbear -F -E -s -p 127.0.0.1:$db_port -r '$work/dropbear_key' -P '$work/dropbear.pid'" \
-  2>"$work/dropbear.log" &
+with_temporary_home dropbear -F -E -s -p "127.0.0.1:$db_port" -r "$work/dropbear_key" \
+  -P "$work/dropbear.pid" 2>"$work/dropbear.log" &
 servers+=($!)
 
 ssh_opts=(-F /dev/null -i "$work/id" -o IdentitiesOnly=yes -o BatchMode=yes
