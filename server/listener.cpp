@@ -107,6 +107,10 @@ int svr_vesk_run() {
     if (child < 0) {
       std::perror("fork() failed");
     } else {
+      // A worker that ended while this one was forked is collected and
+      // logged by the reaper, as every other; the wait loop below only finds
+      // one that ended in the moment since, and pauses for it.
+      reap_children_logged("VESK_S");
       while (waitpid(-1, nullptr, WNOHANG) > 0) sleep(1);
     }
     ::close(conn);
