@@ -1,12 +1,34 @@
 #include "protocol/body.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <string_view>
 #include <cstring>
 
 #include "lib/bounded.h"
 #include "protocol/stream.h"
 
 namespace {
+
+// One progress line, "<received> / <length> (<block>)" and eight blanks and
+// a carriage return, as printf would format it: one of these goes out for
+// every block of every body, so it is put together by hand.
+void print_progress(long long received, long long length, int block) {
+  char line[96];  // room for every value: 66 characters at the most
+  char* p = line;
+  char* const end = line + sizeof line;
+  auto text = [&](std::string_view t) {
+    if (end - p >= static_cast<std::ptrdiff_t>(t.size())) p = std::copy(t.begin(), t.end(), p);
+  };
+  p = std::to_chars(p, end, received).ptr;
+  text(" / ");
+  p = std::to_chars(p, end, length).ptr;
+  text(" (");
+  p = std::to_chars(p, end, block).ptr;
+  text(")        \r");
+  std::fwrite(line, 1, static_cast<std::size_t>(p - line), stdout);
+}
 
 int call_writer(writer_fn writer, const resp_obj* resp, bool last, const char* buf, int len,
                 char (&error_text)[kWriterErrorSize]) {
@@ -58,8 +80,7 @@ bool RcvData(int sock, writer_fn writer, const vesk_request* request, resp_obj* 
       received += got;
     }
     if (useful == 0) continue;
-    std::printf("%lld / %lld (%d)        \r", static_cast<long long>(received), content_length,
-                static_cast<int>(useful));
+    print_progress(static_cast<long long>(received), content_length, static_cast<int>(useful));
     if (call_writer(writer, resp, false, block, static_cast<int>(useful), error_text) != 0) {
       block_failed = true;
     }

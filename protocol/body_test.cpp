@@ -118,3 +118,13 @@ TEST(RcvData, HandsTheBodyOnInBlocksOf513AtMost) {
   EXPECT_TRUE(joined == body);
   EXPECT_EQ(s.resp.type, kReplySuccess);
 }
+
+TEST(RcvData, LogsTheSetupAndOneProgressLinePerBlock) {
+  session s(600, std::string(600, 'p'));
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(s.receive());
+  std::fflush(stdout);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "RcvData::Data Setup:\nContent-Length = 600\n\n"
+            "513 / 600 (513)        \r600 / 600 (87)        \r\n\n");
+}
