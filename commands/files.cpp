@@ -1,6 +1,8 @@
 #include "commands/files.h"
 
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,6 +17,16 @@ std::FILE* gFp = nullptr;
 namespace {
 
 constexpr std::size_t kFileBufferSize = 64 * 1024;
+
+// "sending block [<n>]", one line for every block of every download: put
+// together by hand rather than through printf.
+void print_sending_block(int n) {
+  char line[40] = "sending block [";
+  char* p = std::to_chars(line + 15, line + sizeof line - 2, n).ptr;
+  *p++ = ']';
+  *p++ = '\n';
+  std::fwrite(line, 1, static_cast<std::size_t>(p - line), stdout);
+}
 
 // The "putFile" being stored: its path, and the first write error if any.
 struct put_transfer {
@@ -87,7 +99,7 @@ int getf_grabber_cb(std::intptr_t /*ctx*/, char* buffer, int size) {
   if (gFp == nullptr) return 0;
   std::size_t n = size > 0 ? std::fread(buffer, 1, static_cast<std::size_t>(size), gFp) : 0;
   if (n > 0) {
-    std::printf("sending block [%d]\n", static_cast<int>(n));
+    print_sending_block(static_cast<int>(n));
     return static_cast<int>(n);
   }
   std::printf("Done.\n");

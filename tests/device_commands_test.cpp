@@ -45,6 +45,8 @@ TEST_F(DeviceFiles, TransfersAreByteExactAndSigned) {
     EXPECT_TRUE(reply == data(body, "file/binary")) << "reply of " << reply.size() << " bytes";
     EXPECT_TRUE(sb_.wait_log("Soll: " + sig + "\nIst: " + sig + "\n")) << sig;
   }
+  // One line for every block the download was read in.
+  EXPECT_TRUE(sb_.wait_log("Content-Type=file/binary\nsending block [2048]\nsending block [1]\nDone.\n"));
 
   // A wrong signature is only logged.
   const std::string body = "payload", wrong(32, 'A');
