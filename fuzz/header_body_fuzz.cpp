@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "lib/bounded.h"
+#include "fuzz/fed_socket.h"
 #include "lib/unique_fd.h"
 #include "protocol/body.h"
 #include "protocol/header.h"
@@ -31,17 +32,11 @@ int checking_writer(int op, const char* buf, int len, char* error_text, int erro
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0 || size > kMaxInput) return 0;
-  int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return 0;
-  unique_fd reader(sv[0]);
-  unique_fd peer(sv[1]);
-  int bufsize = 4 * kMaxInput;
-  setsockopt(peer.get(), SOL_SOCKET, SO_SNDBUF, &bufsize, sizeof bufsize);
-  setsockopt(reader.get(), SOL_SOCKET, SO_RCVBUF, &bufsize, sizeof bufsize);
   // The first byte steers the writer: which call fails, if any.
   g_fail_after = data[0] % 4 == 0 ? data[0] / 4 : -1;
-  if (!send_all(peer.get(), data + 1, size - 1)) return 0;
-  shutdown(peer.get(), SHUT_WR);
+  fed_socket input;
+  if (!input.feed(data + 1, size - 1)) return 0;
+  const unique_fd& reader = input.reader;
 
   rx_stream_reset();
   vesk_request request{};

@@ -8,6 +8,7 @@
 
 #include "client/connection.h"
 #include "client/session.h"
+#include "fuzz/fed_socket.h"
 #include "lib/unique_fd.h"
 #include "protocol/stream.h"
 
@@ -62,17 +63,9 @@ void dispatch_actions(int fd) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0 || size > kMaxInput) return 0;
-  int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return 0;
-  unique_fd reader(sv[0]);
-  unique_fd peer(sv[1]);
-  int bufsize = 4 * kMaxInput;
-  setsockopt(peer.get(), SOL_SOCKET, SO_SNDBUF, &bufsize, sizeof bufsize);
-  setsockopt(reader.get(), SOL_SOCKET, SO_RCVBUF, &bufsize, sizeof bufsize);
-  if (!send_all(peer.get(), data + 1, size - 1)) return 0;
-  shutdown(peer.get(), SHUT_WR);
-
-  rx_stream_reset();
+  fed_socket input;
+  if (!input.feed(data + 1, size - 1)) return 0;
+  const unique_fd& reader = input.reader;
   // The first byte picks the reader.
   if (data[0] % 2 == 0) {
     read_streaming(reader.get());

@@ -24,6 +24,7 @@
 #include "commands/setup.h"
 #include "lib/bounded.h"
 #include "lib/split_args.h"
+#include "fuzz/fed_socket.h"
 #include "lib/unique_fd.h"
 #include "protocol/stream.h"
 #include "server/dispatcher.h"
@@ -195,25 +196,16 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size > kMaxInput) return 0;
-  int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return 0;
-  unique_fd worker(sv[0]);
-  unique_fd peer(sv[1]);
-  int big = 4 << 20;
-  setsockopt(worker.get(), SOL_SOCKET, SO_SNDBUFFORCE, &big, sizeof big);
-  setsockopt(peer.get(), SOL_SOCKET, SO_SNDBUFFORCE, &big, sizeof big);
-  if (!send_all(peer.get(), data, size)) return 0;
-  shutdown(peer.get(), SHUT_WR);
-
-  rx_stream_reset();
+  fed_socket input;
+  if (!input.feed(data, size)) return 0;
   init_kolta();
   g_worker_ended = false;
-  if (setjmp(g_worker_end) == 0) serve_connection(worker.get(), fuzz_dispatcher, 0);
+  if (setjmp(g_worker_end) == 0) serve_connection(input.reader.get(), fuzz_dispatcher, 0);
   if (gFp != nullptr) {
     std::fclose(gFp);
     gFp = nullptr;
   }
-  worker.reset();
-  check_replies(drain(peer.get()));
+  input.reader.reset();
+  check_replies(drain(input.peer.get()));
   return 0;
 }

@@ -11,17 +11,6 @@
 namespace kolta_test {
 namespace {
 
-std::string md5_text(const std::string& bytes) {
-  md5_context ctx;
-  MD5Init(&ctx);
-  MD5Update(&ctx, bytes.data(), bytes.size());
-  std::uint8_t digest[16];
-  MD5Final(digest, &ctx);
-  char text[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, "%02X", digest[i]);
-  return text;
-}
-
 std::string put_header(const std::string& file, const std::string& body, std::size_t length) {
   return request("putFile", {{"file", file}, {"md5_sig", md5_text(body)},
                              {"content-length", std::to_string(length)}});

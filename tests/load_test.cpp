@@ -14,17 +14,6 @@ using namespace std::chrono_literals;
 constexpr int kClients = 32;
 constexpr auto kDuration = 20s;
 
-std::string md5_text(const std::string& bytes) {
-  md5_context ctx;
-  MD5Init(&ctx);
-  MD5Update(&ctx, bytes.data(), bytes.size());
-  std::uint8_t digest[16];
-  MD5Final(digest, &ctx);
-  char text[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, "%02X", digest[i]);
-  return text;
-}
-
 // Resident memory of a process in KiB.
 long rss_kib(pid_t pid) {
   const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
