@@ -21,9 +21,9 @@ cmake --build build-fuzz -j"${KOLTA_JOBS:-2}" --target "${targets[@]/%/_fuzz}"
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-mkdir -p fuzz-crashes
 for t in "${targets[@]}"; do
   echo "== ${t}_fuzz: ${seconds} s"
+  mkdir -p fuzz-crashes  # libFuzzer wants it to exist; another run may have removed it
   mkdir -p "$scratch/$t"
   # -close_fd_mask=3: the daemon's log lines would drown the fuzzer's own.
   status=0
