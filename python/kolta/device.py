@@ -235,10 +235,9 @@ class Device:
 
     def _boot_id(self) -> str | None:
         try:
-            result = self.run("cat /proc/sys/kernel/random/boot_id")
+            return self.get("/proc/sys/kernel/random/boot_id").decode("latin-1").strip()
         except KoltaError:
             return None
-        return result.stdout.decode("latin-1").strip() if result.ok else None
 
     @staticmethod
     def _checked(command: str, result: Result, check: bool) -> Result:

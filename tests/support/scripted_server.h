@@ -5,7 +5,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -34,6 +33,7 @@ class ScriptedServer {
   }
   ~ScriptedServer() {
     stop_ = true;
+    ::shutdown(listener_.get(), SHUT_RDWR);  // wakes a wait for the next connection
     thread_.join();
   }
 
@@ -48,11 +48,8 @@ class ScriptedServer {
  private:
   void serve() {
     for (const std::string& reply : replies_) {
-      pollfd pfd{listener_.get(), POLLIN, 0};
-      while (!stop_ && ::poll(&pfd, 1, 20) == 0) {
-      }
-      if (stop_) return;
       unique_fd conn(::accept(listener_.get(), nullptr, nullptr));
+      if (stop_ || !conn.ok()) return;
       std::string header;
       char c;
       while (header.find("\r\n\r\n") == std::string::npos && ::read(conn.get(), &c, 1) == 1)
