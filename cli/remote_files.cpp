@@ -1,0 +1,101 @@
+#include "cli/remote_files.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cli/progress.h"
+#include "lib/md5.h"
+#include "lib/unique_fd.h"
+
+namespace {
+
+std::string signature_text(const std::uint8_t (&digest)[16]) {
+  char text[33];
+  for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, "%02X", digest[i]);
+  return std::string(text, 32);
+}
+
+}  // namespace
+
+std::string md5_text(std::string_view bytes) {
+  md5_context ctx;
+  MD5Init(&ctx);
+  MD5Update(&ctx, bytes.data(), bytes.size());
+  std::uint8_t digest[16];
+  MD5Final(digest, &ctx);
+  return signature_text(digest);
+}
+
+std::string md5_text_of_fd(int fd) {
+  if (::lseek(fd, 0, SEEK_SET) != 0) return {};
+  md5_context ctx;
+  MD5Init(&ctx);
+  static char block[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(fd, block, sizeof block);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return {};
+    }
+    MD5Update(&ctx, block, static_cast<std::size_t>(n));
+  }
+  std::uint8_t digest[16];
+  MD5Final(digest, &ctx);
+  ::lseek(fd, 0, SEEK_SET);
+  return signature_text(digest);
+}
+
+bool write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+bool upload_text(device& dev, const std::string& remote, std::string_view content) {
+  unique_fd body(::memfd_create("kolta-upload", MFD_CLOEXEC));
+  if (!body.ok() || !write_all(body.get(), content) || ::lseek(body.get(), 0, SEEK_SET) != 0) {
+    dev.report(std::string("cannot prepare an upload: ") + std::strerror(errno), 1);
+    return false;
+  }
+  std::string signature = md5_text(content);
+  std::string length = std::to_string(content.size());
+  vesk_c_reply reply;
+  return dev.request_with_body("putFile",
+                               {{"file", remote.c_str()},
+                                {"md5_sig", signature.c_str()},
+                                {"content-length", length.c_str()}},
+                               body.get(), content.size(), &reply);
+}
+
+bool fetch_to_fd(device& dev, const std::string& remote, int fd, transfer_progress* progress,
+                 std::string* fail_reason) {
+  vesk_c_pair args[] = {{"file", remote.c_str()}};
+  vesk_c_reply reply;
+  if (!dev.exchange("getFile", args, 1, &reply)) return false;
+  if (reply.kind == vesk_c_reply_kind::fail) {
+    if (fail_reason != nullptr) {
+      *fail_reason = reply.reason;
+    } else {
+      dev.report_fail("getFile", reply);
+    }
+    return false;
+  }
+  if (progress != nullptr) progress_start(progress, reply.content_length);
+  std::fflush(stdout);
+  return dev.read_body_to_fd(reply, fd, progress);
+}
+
+void remove_quietly(device& dev, const std::string& remote) {
+  vesk_c_pair args[] = {{"file", remote.c_str()}};
+  vesk_c_reply reply;
+  dev.exchange("remFile", args, 1, &reply);
+}

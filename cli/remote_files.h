@@ -1,0 +1,28 @@
+// Files on the device as the commands use them: small uploads from memory,
+// whole downloads into a descriptor, quiet removal.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "cli/device.h"
+
+// The MD5 signature of `bytes` in its text form (32 upper-case digits).
+std::string md5_text(std::string_view bytes);
+// The MD5 signature of the file `fd` from its start; empty on a read error.
+std::string md5_text_of_fd(int fd);
+
+// Stores `content` at `remote` with putFile.
+bool upload_text(device& dev, const std::string& remote, std::string_view content);
+
+// Streams `remote` into `fd` with getFile. On a Fail reply, `fail_reason`
+// (when given) receives the reason and nothing is reported.
+bool fetch_to_fd(device& dev, const std::string& remote, int fd,
+                 transfer_progress* progress = nullptr, std::string* fail_reason = nullptr);
+
+// remFile, with any refusal ignored.
+void remove_quietly(device& dev, const std::string& remote);
+
+// Writes all of `bytes` to `fd`.
+bool write_all(int fd, std::string_view bytes);
