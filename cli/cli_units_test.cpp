@@ -1,1 +1,135 @@
+// The command line's own pieces: host lists, quoting for the device's shell
+// and the daemon's splitter, option parsing, line prefixes, reply fields.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "cli/commands.h"
+#include "cli/fanout.h"
+#include "cli/process_commands.h"
+#include "cli/progress.h"
+#include "cli/remote_run.h"
+#include "cli/shell_words.h"
+#include "cli/target.h"
+
+namespace {
+
+// What /bin/sh makes of `line`: its words, one per line.
+std::string shell_words_of(const std::string& line) {
+  std::string command = "printf '%s\\n' " + line;
+  FILE* p = ::popen(command.c_str(), "r");
+  std::string out;
+  char buf[256];
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  ::pclose(p);
+  return out;
+}
+
+std::string parse(const char* name, std::vector<const char*> words, command_args* args) {
+  std::vector<char*> argv;
+  for (const char* w : words) argv.push_back(const_cast<char*>(w));
+  return parse_command_args(*find_command(name), argv, args);
+}
+
+}  // namespace
+
+TEST(KoltaTargets, HostListsWithPortsAndAddresses) {
+  std::string why;
+  auto t = parse_targets("a,b:10001,[::1]:7,fe80::2,[::1]", 10000, &why);
+  ASSERT_TRUE(t) << why;
+  ASSERT_EQ(t->size(), 5u);
+  EXPECT_EQ((*t)[0].host, "a");
+  EXPECT_EQ((*t)[0].port, 10000);
+  EXPECT_EQ((*t)[1].host, "b");
+  EXPECT_EQ((*t)[1].port, 10001);
+  EXPECT_EQ((*t)[1].label, "b:10001");
+  EXPECT_EQ((*t)[2].host, "::1");
+  EXPECT_EQ((*t)[2].port, 7);
+  EXPECT_EQ((*t)[3].host, "fe80::2");  // a bare IPv6 address keeps the default port
+  EXPECT_EQ((*t)[3].port, 10000);
+  EXPECT_EQ(endpoint_text((*t)[2]), "[::1]:7");
+  EXPECT_EQ(endpoint_text((*t)[0]), "a:10000");
+  for (const char* bad : {"", "a,,b", "a:", "a:0", "a:65536", "a:x", "[::1", "[::1]x", ":5"})
+    EXPECT_FALSE(parse_targets(bad, 10000, &why)) << bad;
+}
+
+TEST(KoltaWords, ShellQuotingSurvivesTheShell) {
+  for (std::string word : {"plain", "two  blanks", "it's", "'", "$HOME `x` \"q\" \\n *", ""}) {
+    EXPECT_EQ(shell_words_of(shell_quote(word)), word + "\n") << word;
+  }
+  std::vector<std::string> words = {"a b", "c'd"};
+  EXPECT_EQ(shell_words_of(shell_command(words)), "a b\nc'd\n");
+}
+
+TEST(KoltaWords, SplitterArgumentsPassOnlyWhatTheDaemonKeeps) {
+  std::string why;
+  std::vector<std::string> ok = {"-c", "\"a b\"", "x"};
+  EXPECT_EQ(splitter_args(ok, &why).value_or("?"), "-c \"a b\" x");
+  for (std::vector<std::string> bad : std::vector<std::vector<std::string>>{
+           {}, {""}, {"a b"}, {"\"open", "next"}, std::vector<std::string>(63, "w")})
+    EXPECT_FALSE(splitter_args(bad, &why));
+  std::vector<std::string> last_open = {"x", "\"open"};  // nothing follows to be swallowed
+  EXPECT_TRUE(splitter_args(last_open, &why));
+}
+
+TEST(KoltaCommandArgs, OptionsWordsAndUsage) {
+  command_args a;
+  EXPECT_EQ(parse("exec", {"/bin/ls", "-l", "--timeout", "5"}, &a), "");
+  EXPECT_EQ(a.words, (std::vector<std::string>{"/bin/ls", "-l"}));
+  EXPECT_EQ(a.timeout.value_or(""), "5");
+
+  command_args b;  // before the program, and its own options stay its own
+  EXPECT_EQ(parse("exec", {"--timeout", "-1", "prog", "--remove"}, &b), "");
+  EXPECT_EQ(b.words, (std::vector<std::string>{"prog", "--remove"}));
+  EXPECT_EQ(b.timeout.value_or(""), "-1");
+
+  command_args c;
+  EXPECT_EQ(parse("state", {"--remove", "42"}, &c), "");
+  EXPECT_TRUE(c.remove);
+  command_args d;
+  EXPECT_EQ(parse("sh", {"ls", "-l"}, &d), "");
+  EXPECT_EQ(d.words, (std::vector<std::string>{"ls", "-l"}));
+
+  command_args e;
+  EXPECT_EQ(parse("get", {"x", "--help"}, &e), "");
+  EXPECT_TRUE(e.help);
+
+  for (auto [name, words] : std::vector<std::pair<const char*, std::vector<const char*>>>{
+           {"put", {"one"}}, {"stop", {"x1"}}, {"state", {"1", "--timeout", "3"}},
+           {"reboot", {"Warm"}}, {"output", {"1", "stdin"}}, {"setup", {"exec_type"}},
+           {"wait", {"1", "--timeout", "soon"}}, {"exec", {"p", "--timeout", "1.5"}},
+           {"raw", {"x", "--body"}}, {"test", {"extra"}}}) {
+    command_args x;
+    EXPECT_NE(parse(name, words, &x), "") << name;
+  }
+}
+
+TEST(KoltaOutput, LinesOfSeveralHostsArePrefixed) {
+  std::string pending;
+  EXPECT_EQ(prefix_lines("h: ", &pending, "a\nb", false), "h: a\n");
+  EXPECT_EQ(prefix_lines("h: ", &pending, "c\n\n", false), "h: bc\nh: \n");
+  EXPECT_EQ(prefix_lines("h: ", &pending, "tail", true), "h: tail\n");
+  EXPECT_EQ(prefix_lines("h: ", &pending, "", true), "");
+}
+
+TEST(KoltaReplies, FieldsStatusesAndProgress) {
+  std::string body = "STATE=PASSED\nEXITCODE=0\nMSG=a=b\nPID=12";
+  EXPECT_EQ(field_of(body, "STATE"), "PASSED");
+  EXPECT_EQ(field_of(body, "MSG"), "a=b");
+  EXPECT_EQ(field_of(body, "PID"), "12");
+  EXPECT_EQ(field_of(body, "CODE"), "");
+
+  EXPECT_EQ(exit_status_of(3 << 8), 3);
+  EXPECT_EQ(exit_status_of(SIGKILL), 137);
+  EXPECT_EQ(signal_named(strsignal(SIGTERM)), SIGTERM);
+  EXPECT_EQ(signal_named("No such signal"), 0);
+
+  EXPECT_EQ(progress_text(1 << 20, 4 << 20, 1.0), "1.0 MiB / 4.0 MiB   1.0 MiB/s   0:03 left");
+  EXPECT_EQ(progress_text(4 << 20, 4 << 20, 2.0), "4.0 MiB / 4.0 MiB   2.0 MiB/s   2.0 s");
+  EXPECT_EQ(progress_text(0, 4 << 20, 0.0), "0 B / 4.0 MiB   0 B/s   --:-- left");
+}

@@ -12,7 +12,7 @@ ensure_packages cmake make clang libclang-rt-dev
 
 seconds=${1:-60}
 shift || true
-all=(worker_request header_body task_message config md5sig split_args reply_reader)
+all=(worker_request header_body task_message config md5sig split_args reply_reader cli_words)
 [ "$#" -gt 0 ] && targets=("$@") || targets=("${all[@]}")
 
 CXX=clang++ cmake -S . -B build-fuzz -DKOLTA_FUZZ=ON -DKOLTA_TESTS=OFF \
