@@ -10,8 +10,9 @@
 //
 // --daemon runs another koltad binary than the one built with the helper.
 // --emulator runs the daemon through an emulator command, split at blanks:
-//   kolta_sandbox --daemon build-armhf/server/koltad \
+//   kolta_sandbox --daemon build-armhf/server/koltad
 //                 --emulator "qemu-arm -L /usr/arm-linux-gnueabihf"
+// (one command line).
 // --show-log writes each daemon's standard output and standard error to
 // standard error once all have stopped (a daemon that does not come up has
 // them in its error message anyway).
