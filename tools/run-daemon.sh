@@ -10,6 +10,6 @@ ensure_packages cmake g++ make
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DKOLTA_TESTS=OFF >/dev/null
 cmake --build build-release -j"$(nproc)" --target koltad
 if [ ! -f /etc/kolta/kolta.conf ]; then
-  install -D -m 0644 tools/kolta.conf /etc/kolta/kolta.conf
+  install -D -m 0644 packaging/kolta.conf /etc/kolta/kolta.conf
 fi
 exec ./build-release/server/koltad "$@"

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the plain build, the Python client's
-# tests against it, the same C++ tests under AddressSanitizer and UBSan, and a
-# short run of every fuzz target.
+# tests against it, the same C++ tests under AddressSanitizer and UBSan, a
+# short run of every fuzz target, and last the armhf build run under qemu-arm.
+# The plain build's tests include the installation and Debian package check
+# (tools/check-package.sh).
 # KOLTA_FUZZ_SECONDS sets the fuzzing time per target (default 15).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
 ensure_packages cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-dev util-linux \
-  python3-pytest python3-venv python3-pip python3-setuptools python3-wheel
+  python3-pytest python3-venv python3-pip python3-setuptools python3-wheel dpkg-dev
 
 jobs=$(nproc)
 run_suite() {
@@ -36,3 +38,7 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 
 echo "== fuzzing: every target briefly"
 KOLTA_JOBS=$jobs ./tools/run-fuzz.sh "${KOLTA_FUZZ_SECONDS:-15}"
+
+echo "== ARM: armhf cross build run under qemu-arm"
+# Skipped, with the reason, when the cross tools or qemu cannot be installed.
+KOLTA_SANDBOX="$PWD/build-test/tests/kolta_sandbox" ./tools/run-arm.sh

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -39,6 +40,19 @@ bool write_file(const std::string& path, std::string_view text, mode_t mode = 06
 bool overlay(const std::string& target, const std::string& upper, const std::string& work) {
   std::string opts = "lowerdir=" + target + ",upperdir=" + upper + ",workdir=" + work;
   return ::mount("overlay", target.c_str(), "overlay", 0, opts.c_str()) == 0;
+}
+
+// `name` when it holds a slash, else its first executable match on PATH;
+// empty when there is none.
+std::string find_program(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  const char* path = std::getenv("PATH");
+  std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + name;
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return {};
 }
 
 }  // namespace
@@ -118,7 +132,21 @@ bool Sandbox::start(const SandboxOptions& options) {
   // Everything the child needs is prepared before the fork.
   const std::string etc = dir_ + "/etc", etc_work = dir_ + "/etc.work";
   const std::string sbin = dir_ + "/sbin", sbin_work = dir_ + "/sbin.work";
-  std::vector<std::string> args{KOLTAD_PATH};
+  const std::string daemon = options.daemon.empty() ? std::string(KOLTAD_PATH) : options.daemon;
+  std::vector<std::string> args;
+  if (options.emulator.empty()) {
+    args.push_back(daemon);
+  } else {
+    // The emulator opens the daemon by path, and the daemon's own /tmp hides
+    // a build under /tmp: a copy goes to the overlaid /usr/sbin instead.
+    std::string program = find_program(options.emulator.front());
+    if (program.empty()) return fail("emulator not found: " + options.emulator.front());
+    if (!fs::copy_file(daemon, sbin + "/koltad", fs::copy_options::overwrite_existing, ec))
+      return fail("cannot copy " + daemon + ": " + ec.message());
+    args = options.emulator;
+    args.front() = program;
+    args.push_back("/usr/sbin/koltad");
+  }
   args.insert(args.end(), options.args.begin(), options.args.end());
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
@@ -138,7 +166,8 @@ bool Sandbox::start(const SandboxOptions& options) {
       ::open((dir_ + "/stderr.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
   if (!out_log.ok() || !err_log.ok()) return fail("cannot open the log files");
 
-  // The binary may live under /tmp, which the sandbox hides: hold it open.
+  // The binary (the daemon or its emulator) may live under /tmp, which the
+  // sandbox hides: hold it open.
   unique_fd binary(::open(argv[0], O_PATH | O_CLOEXEC));
   if (!binary.ok()) return fail(std::string("cannot open ") + argv[0]);
 

@@ -34,6 +34,13 @@ struct SandboxOptions {
   std::string config = "port=@PORT@\n";
   std::vector<std::string> args = {};  // extra daemon arguments
   bool wait_listening = true;          // start() waits for "Listening... "
+  // The daemon binary; empty for the one built with the tests.
+  std::string daemon = {};
+  // An emulator command that runs the daemon (for instance {"qemu-arm", "-L",
+  // "/usr/arm-linux-gnueabihf"}), its first word a path or a name found by
+  // PATH; empty to run the daemon directly. The emulator gets the daemon's
+  // path inside the sandbox, then the daemon's arguments.
+  std::vector<std::string> emulator = {};
 };
 
 class Sandbox {

@@ -1,12 +1,21 @@
 // kolta_sandbox: runs sandboxed daemons for tests written outside C++ (the
 // Python client's tests, command-line tests).
 //
-//   kolta_sandbox [--count N]
+//   kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND] [--show-log]
 //
 // Starts N daemons (default 1), each in its own sandbox, and prints the TCP
 // port of each on its own line of standard output, in order. They run until
 // standard input reaches its end or the helper gets SIGTERM, SIGINT or SIGHUP;
 // then every daemon is stopped and its sandbox removed.
+//
+// --daemon runs another koltad binary than the one built with the helper.
+// --emulator runs the daemon through an emulator command, split at blanks:
+//   kolta_sandbox --daemon build-armhf/server/koltad
+//                 --emulator "qemu-arm -L /usr/arm-linux-gnueabihf"
+// (one command line).
+// --show-log writes each daemon's standard output and standard error to
+// standard error once all have stopped (a daemon that does not come up has
+// them in its error message anyway).
 //
 // Exit status: 0 after a normal stop; 77 when sandboxes cannot be made here
 // (no root or no namespaces; the reason is on standard error); 1 when a daemon
@@ -21,6 +30,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -33,8 +43,30 @@ constexpr int kExitUnavailable = 77;
 constexpr int kMaxCount = 32;
 
 int usage() {
-  std::fputs("usage: kolta_sandbox [--count N]   (1 <= N <= 32)\n", stderr);
+  std::fputs(
+      "usage: kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND] [--show-log]\n"
+      "       (1 <= N <= 32)\n",
+      stderr);
   return 2;
+}
+
+std::vector<std::string> split_words(std::string_view text) {
+  std::vector<std::string> words;
+  std::size_t at = 0;
+  while ((at = text.find_first_not_of(" \t", at)) != std::string_view::npos) {
+    std::size_t end = text.find_first_of(" \t", at);
+    if (end == std::string_view::npos) end = text.size();
+    words.emplace_back(text.substr(at, end - at));
+    at = end;
+  }
+  return words;
+}
+
+void show_log(int number, const kolta_test::Sandbox& sandbox) {
+  std::fprintf(stderr, "--- daemon %d: standard output ---\n%s\n", number,
+               sandbox.log(kolta_test::Sandbox::Log::out).c_str());
+  std::fprintf(stderr, "--- daemon %d: standard error ---\n%s\n", number,
+               sandbox.log(kolta_test::Sandbox::Log::err).c_str());
 }
 
 // Blocks until standard input ends or a stop signal arrives. The signals are
@@ -73,6 +105,8 @@ void wait_for_stop() {
 
 int main(int argc, char** argv) {
   int count = 1;
+  bool logs = false;
+  kolta_test::SandboxOptions options;
   for (int i = 1; i < argc; ++i) {
     std::string_view arg = argv[i];
     if (arg == "--count" && i + 1 < argc) {
@@ -80,6 +114,13 @@ int main(int argc, char** argv) {
       long n = std::strtol(argv[++i], &end, 10);
       if (*end != '\0' || n < 1 || n > kMaxCount) return usage();
       count = static_cast<int>(n);
+    } else if (arg == "--daemon" && i + 1 < argc && argv[i + 1][0] != '\0') {
+      options.daemon = argv[++i];
+    } else if (arg == "--emulator" && i + 1 < argc) {
+      options.emulator = split_words(argv[++i]);
+      if (options.emulator.empty()) return usage();
+    } else if (arg == "--show-log") {
+      logs = true;
     } else {
       return usage();
     }
@@ -93,7 +134,7 @@ int main(int argc, char** argv) {
   std::vector<std::unique_ptr<kolta_test::Sandbox>> daemons;
   for (int i = 0; i < count; ++i) {
     auto sandbox = std::make_unique<kolta_test::Sandbox>();
-    if (!sandbox->start()) {
+    if (!sandbox->start(options)) {
       std::fprintf(stderr, "kolta_sandbox: daemon %d did not start: %s\n", i + 1,
                    sandbox->error().c_str());
       return 1;  // the destructors stop the daemons started so far
@@ -108,5 +149,8 @@ int main(int argc, char** argv) {
   std::vector<std::thread> stopping;
   for (auto& sandbox : daemons) stopping.emplace_back([&sandbox] { sandbox->stop(); });
   for (std::thread& t : stopping) t.join();
+  if (logs) {
+    for (std::size_t i = 0; i < daemons.size(); ++i) show_log(static_cast<int>(i) + 1, *daemons[i]);
+  }
   return 0;
 }
