@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 ensure_packages cmake g++ make
 
 cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DKOLTA_TESTS=OFF >/dev/null
-cmake --build build-release -j"$(nproc)" --target koltad
+cmake --build build-release -j"$(nproc)" --target koltad kolta
 if [ ! -f /etc/kolta/kolta.conf ]; then
   install -D -m 0644 packaging/kolta.conf /etc/kolta/kolta.conf
 fi
