@@ -30,7 +30,8 @@ std::string size_text(double bytes) {
 
 void draw(transfer_progress* p) {
   double seconds = static_cast<double>(now_ms() - p->started_ms) / 1000.0;
-  std::string line = "\r" + progress_text(p->done, p->total, seconds) + "\x1b[K";
+  std::string line(1, '\r');
+  line.append(progress_text(p->done, p->total, seconds)).append("\x1b[K");
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);
   p->drawn = true;
