@@ -1,5 +1,7 @@
 #include "cli/device.h"
 
+#include <signal.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -101,9 +103,13 @@ bool device::failed_io(const char* command, vesk_c_status s) {
              kExitConnection);
       break;
     case vesk_c_status::local_error:
-      if (err == EINVAL)
+      if (err == EPIPE) {
+        // Whoever read our output has gone (`kolta sh ... | head`): end as
+        // quietly as a program killed by SIGPIPE would.
+        if (status_ == 0) status_ = 128 + SIGPIPE;
+      } else if (err == EINVAL)
         report(head + "a value of " + quoted(command) +
-                   " is too long or holds a line end (127 characters at most)",
+                   " is too long or holds a line end (127 characters at most, 19 arguments)",
                kExitUsage);
       else
         report(head + "local file error during " + quoted(command) + ": " + std::strerror(err),

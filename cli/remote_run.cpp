@@ -36,26 +36,28 @@ std::string script_text(const scratch_files& f, const std::string& body, bool dr
   return text + body + "\n";
 }
 
-// Fetches one output into `fd`. A missing file is an empty output. True
-// when the file was there (and is to be removed).
+// Fetches one output into `fd`. A missing file is an empty output, and
+// there is nothing to remove; whatever else happened, the file is removed.
 bool fetch_output(device& dev, const std::string& remote, int fd) {
   std::string reason;
-  if (fetch_to_fd(dev, remote, fd, nullptr, &reason)) return true;
-  if (!reason.empty() && reason != "File not found.")
-    dev.report(endpoint_text(dev.where()) + ": the command's output could not be read (" +
-                   reason + ")",
-               kExitFail);
-  return false;
+  if (dev.status() == 0 && !fetch_to_fd(dev, remote, fd, nullptr, &reason)) {
+    if (reason == "File not found.") return false;
+    if (!reason.empty())
+      dev.report(endpoint_text(dev.where()) + ": the command's output could not be read (" +
+                     reason + ")",
+                 kExitFail);
+  }
+  return true;
 }
 
 // Prints both outputs and removes the files. Returns `status`, or the
 // tool's status when an output could not be fetched after a success.
 int finish(device& dev, const scratch_files& f, int status) {
-  bool had_out = dev.status() == 0 && fetch_output(dev, f.out, STDOUT_FILENO);
-  bool had_err = dev.status() == 0 && fetch_output(dev, f.err, STDERR_FILENO);
+  bool remove_out = fetch_output(dev, f.out, STDOUT_FILENO);
+  bool remove_err = fetch_output(dev, f.err, STDERR_FILENO);
   remove_quietly(dev, f.script);
-  if (had_out) remove_quietly(dev, f.out);
-  if (had_err) remove_quietly(dev, f.err);
+  if (remove_out) remove_quietly(dev, f.out);
+  if (remove_err) remove_quietly(dev, f.err);
   if (status == 0) return dev.status();
   return status;
 }
