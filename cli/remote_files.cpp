@@ -15,8 +15,8 @@ namespace {
 
 std::string signature_text(const std::uint8_t (&digest)[16]) {
   char text[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(text + 2 * i, 3, "%02X", digest[i]);
-  return std::string(text, 32);
+  md5_sig_text(digest, text);
+  return text;
 }
 
 }  // namespace

@@ -191,9 +191,19 @@ int get_file_md5(const char* path, std::uint8_t (&digest)[16]) {
   return 0;
 }
 
+void md5_sig_text(const std::uint8_t (&sig)[16], char (&text)[33]) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  for (int i = 0; i < 16; ++i) {
+    text[2 * i] = kDigits[sig[i] >> 4];
+    text[2 * i + 1] = kDigits[sig[i] & 0xF];
+  }
+  text[32] = '\0';
+}
+
 void print_md5_sig(std::FILE* stream, const std::uint8_t (&sig)[16]) {
-  for (std::uint8_t byte : sig) std::fprintf(stream, "%02X", static_cast<unsigned>(byte));
-  std::fprintf(stream, "\n");
+  char text[33];
+  md5_sig_text(sig, text);
+  std::fprintf(stream, "%s\n", text);
 }
 
 int text2md5sig(const char* text, std::uint8_t (&sig)[16]) {

@@ -52,6 +52,9 @@ void MD5Transform(std::uint32_t (&state)[4], std::span<const std::uint8_t, 64> b
 // A read error ends the file as its end would.
 int get_file_md5(const char* path, std::uint8_t (&digest)[16]);
 
+// The text form of `sig`: 32 upper-case digits and a NUL.
+void md5_sig_text(const std::uint8_t (&sig)[16], char (&text)[33]);
+
 // Writes the text form of `sig` (upper case) and a newline on `stream`.
 void print_md5_sig(std::FILE* stream, const std::uint8_t (&sig)[16]);
 
