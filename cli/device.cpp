@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "cli/exit_status.h"
+#include "cli/interrupt.h"
 #include "cli/progress.h"
 
 namespace {
@@ -43,12 +44,22 @@ void device::report_fail(const char* command, const vesk_c_reply& reply) {
   report(endpoint_text(where_) + ": " + quoted(command) + " failed: " + reply.reason, kExitFail);
 }
 
+bool device::stopped() {
+  int sig = interrupt_signal();
+  if (sig == 0 || tidying_) return false;
+  if (status_ == 0) status_ = 128 + sig;
+  close();
+  return true;
+}
+
 bool device::open() {
   if (open_) return true;
+  if (unreachable_) return false;  // one failed connect is reported and not tried again
   int timeout = timeout_ms_ > 0 ? timeout_ms_ : kNoLimitMs;
   vesk_c_status s = vesk_c_connect(&conn_, where_.host.c_str(), where_.port, timeout);
   if (s == vesk_c_status::ok) {
     open_ = true;
+    set_interruptible_socket(conn_.fd);
     return true;
   }
   std::string head = "cannot connect to " + endpoint_text(where_) + ": ";
@@ -71,16 +82,20 @@ bool device::open() {
     }
   }
   vesk_c_disconnect(&conn_);
+  unreachable_ = true;
   return false;
 }
 
 void device::close() {
+  set_interruptible_socket(-1);
   if (open_) vesk_c_disconnect(&conn_);
   open_ = false;
 }
 
 bool device::failed_io(const char* command, vesk_c_status s) {
-  if (accept_close_ && s == vesk_c_status::closed) {
+  if (int sig = interrupt_signal(); sig != 0 || (accept_close_ && s == vesk_c_status::closed)) {
+    // An interrupt shut the connection down: no message, the signal's status.
+    if (sig != 0 && status_ == 0) status_ = 128 + sig;
     close();
     return false;
   }
@@ -126,6 +141,7 @@ bool device::failed_io(const char* command, vesk_c_status s) {
 
 bool device::exchange(const char* command, const vesk_c_pair* args, std::size_t count,
                       vesk_c_reply* reply, int reply_timeout_ms) {
+  if (stopped()) return false;
   if (!open()) return false;
   last_command_ = command;
   conn_.timeout_ms = timeout_ms_ > 0 ? timeout_ms_ : kNoLimitMs;
@@ -152,6 +168,7 @@ bool device::request(const char* command, std::initializer_list<vesk_c_pair> arg
 bool device::exchange_with_body(const char* command, const vesk_c_pair* args, std::size_t count,
                                 int body_fd, std::uint64_t length, vesk_c_reply* reply,
                                 transfer_progress* progress) {
+  if (stopped()) return false;
   if (!open()) return false;
   last_command_ = command;
   conn_.timeout_ms = timeout_ms_ > 0 ? timeout_ms_ : kNoLimitMs;

@@ -63,9 +63,14 @@ class device {
   // The daemon may close the connection instead of replying: that ends the
   // exchange quietly (exit), not as an error.
   void accept_close() { accept_close_ = true; }
+  // Requests that tidy up on the device still go out after an interrupt.
+  void tidy_up() { tidying_ = true; }
 
  private:
   bool open();
+  // True (with the signal's status) once an interrupt has arrived, unless
+  // this is the tidying up.
+  bool stopped();
   bool failed_io(const char* command, vesk_c_status status);
 
   target where_;
@@ -73,6 +78,8 @@ class device {
   vesk_c_conn conn_{};
   bool open_ = false;
   bool accept_close_ = false;
+  bool tidying_ = false;
+  bool unreachable_ = false;
   const char* last_command_ = "";
   int status_ = 0;
 };

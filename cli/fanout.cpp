@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "cli/exit_status.h"
+#include "cli/interrupt.h"
 #include "cli/remote_files.h"
 #include "lib/unique_fd.h"
 
@@ -58,6 +59,7 @@ int run_on_all(const std::vector<target>& targets, const std::function<int(const
     }
     pid_t pid = ::fork();
     if (pid == 0) {
+      catch_interrupts();
       ::dup2(out[1], STDOUT_FILENO);
       ::dup2(err[1], STDERR_FILENO);
       int status = run(targets[i]);
@@ -66,6 +68,8 @@ int run_on_all(const std::vector<target>& targets, const std::function<int(const
     }
     ::close(out[1]);
     ::close(err[1]);
+    // Each child tidies up after a Ctrl-C itself; this one waits for them.
+    ignore_interrupts();
     children[i].where = &targets[i];
     children[i].pid = pid;
     children[i].out = {unique_fd(out[0]), STDOUT_FILENO, {}};

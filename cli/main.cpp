@@ -12,6 +12,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/fanout.h"
+#include "cli/interrupt.h"
 #include "cli/target.h"
 
 #ifndef KOLTA_VERSION
@@ -118,6 +119,7 @@ int main(int argc, char** argv) {
   // A broken pipe on our output is reported by the write, not by a signal
   // that would leave the device's temporary files behind.
   ::signal(SIGPIPE, SIG_IGN);
+  catch_interrupts();
   int timeout_ms = static_cast<int>(std::lround(timeout_s * 1000));
   return run_on_all(targets, [&](const target& where) {
     command_args mine = args;

@@ -95,6 +95,7 @@ bool fetch_to_fd(device& dev, const std::string& remote, int fd, transfer_progre
 }
 
 void remove_quietly(device& dev, const std::string& remote) {
+  dev.tidy_up();
   vesk_c_pair args[] = {{"file", remote.c_str()}};
   vesk_c_reply reply;
   dev.exchange("remFile", args, 1, &reply);

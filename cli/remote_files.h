@@ -21,7 +21,7 @@ bool upload_text(device& dev, const std::string& remote, std::string_view conten
 bool fetch_to_fd(device& dev, const std::string& remote, int fd,
                  transfer_progress* progress = nullptr, std::string* fail_reason = nullptr);
 
-// remFile, with any refusal ignored.
+// remFile, with any refusal ignored; it still goes out after an interrupt.
 void remove_quietly(device& dev, const std::string& remote);
 
 // Writes all of `bytes` to `fd`.

@@ -86,19 +86,20 @@ int signal_named(std::string_view text) {
 
 int run_shell(device& dev, const std::string& command) {
   scratch_files f;
-  if (!upload_text(dev, f.script, script_text(f, command, true))) return dev.status();
+  if (!upload_text(dev, f.script, script_text(f, command, true)))
+    return finish(dev, f, dev.status());
   std::string line = "sh " + f.script;
   vesk_c_pair args[] = {{"cmd", line.c_str()}};
   vesk_c_reply reply;
-  if (!dev.exchange("system", args, 1, &reply)) return dev.status();
+  if (!dev.exchange("system", args, 1, &reply)) return finish(dev, f, dev.status());
   std::string body;
   int status = 0;
   if (reply.kind == vesk_c_reply_kind::data) {
-    if (!dev.read_body(reply, &body)) return dev.status();
+    if (!dev.read_body(reply, &body)) return finish(dev, f, dev.status());
   } else if (reply.kind == vesk_c_reply_kind::fail) {
     if (std::strcmp(reply.reason, "Modul returned with error") == 0) {
       std::string rc;
-      if (!dev.call("system_getDetails", {{"src", "RC"}}, &rc)) return dev.status();
+      if (!dev.call("system_getDetails", {{"src", "RC"}}, &rc)) return finish(dev, f, dev.status());
       status = exit_status_of(std::atoi(rc.c_str()));
     } else {
       dev.report_fail("system", reply);
@@ -111,7 +112,7 @@ int run_shell(device& dev, const std::string& command) {
 int run_program(device& dev, std::span<const std::string> argv, std::optional<int> timeout_s) {
   scratch_files f;
   if (!upload_text(dev, f.script, script_text(f, "exec " + shell_command(argv), false)))
-    return dev.status();
+    return finish(dev, f, dev.status());
   std::string timeout = timeout_s ? std::to_string(*timeout_s) : std::string();
   vesk_c_pair args[] = {
       {"cmd", "/bin/sh"}, {"args", f.script.c_str()}, {"timeout", timeout.c_str()}};
@@ -119,11 +120,12 @@ int run_program(device& dev, std::span<const std::string> argv, std::optional<in
   int reply_wait = limit_s < 0 ? -1 : limit_s * 1000 + kKillGraceMs + dev.timeout_ms();
   long long started = now_ms();
   vesk_c_reply reply;
-  if (!dev.exchange("execute", args, timeout_s ? 3 : 2, &reply, reply_wait)) return dev.status();
+  if (!dev.exchange("execute", args, timeout_s ? 3 : 2, &reply, reply_wait))
+    return finish(dev, f, dev.status());
   std::string body;
   int status = 0;
   if (reply.kind == vesk_c_reply_kind::data) {
-    if (!dev.read_body(reply, &body)) return dev.status();
+    if (!dev.read_body(reply, &body)) return finish(dev, f, dev.status());
   } else if (reply.kind == vesk_c_reply_kind::fail) {
     const char* reason = reply.reason;
     const char* open = std::strrchr(reason, '(');

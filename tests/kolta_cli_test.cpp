@@ -269,6 +269,29 @@ TEST_F(KoltaCli, ShellCommandsOfAnyLengthAndOutput) {
     EXPECT_EQ(results[i].err, "err-" + std::to_string(i) + "\n");
   }
   EXPECT_EQ(scratch_left(), std::vector<std::string>{});
+
+  // Ctrl-C while the command runs: kolta ends as SIGINT would have ended it
+  // and leaves none of its files on the device.
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    int null = ::open("/dev/null", O_RDWR);
+    ::dup2(null, STDOUT_FILENO);
+    ::dup2(null, STDERR_FILENO);
+    const std::string port = std::to_string(sb_.port());
+    ::execl(KOLTA_PATH, KOLTA_PATH, "-H", "127.0.0.1", "-p", port.c_str(), "sh", "sleep 30",
+            static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  auto running = [&] {
+    return std::ranges::any_of(scratch_left(), [](const std::string& n) { return n.ends_with(".out"); });
+  };
+  for (int i = 0; i < 500 && !running(); ++i) ::usleep(20000);
+  EXPECT_TRUE(running());
+  ::kill(pid, SIGINT);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status;
+  EXPECT_EQ(scratch_left(), std::vector<std::string>{});
 }
 
 TEST_F(KoltaCli, BackgroundProcesses) {
