@@ -16,6 +16,7 @@
 #include "cli/remote_run.h"
 #include "cli/shell_words.h"
 #include "cli/target.h"
+#include "cli/transfer.h"
 
 namespace {
 
@@ -132,4 +133,13 @@ TEST(KoltaReplies, FieldsStatusesAndProgress) {
   EXPECT_EQ(progress_text(1 << 20, 4 << 20, 1.0), "1.0 MiB / 4.0 MiB   1.0 MiB/s   0:03 left");
   EXPECT_EQ(progress_text(4 << 20, 4 << 20, 2.0), "4.0 MiB / 4.0 MiB   2.0 MiB/s   2.0 s");
   EXPECT_EQ(progress_text(0, 4 << 20, 0.0), "0 B / 4.0 MiB   0 B/s   --:-- left");
+}
+
+TEST(KoltaTransfer, LocalNamesForGet) {
+  EXPECT_EQ(local_name_for("/var/log/messages", ""), "messages");
+  EXPECT_EQ(local_name_for("/var/log/", ""), "log");
+  EXPECT_EQ(local_name_for("plain", ""), "plain");
+  EXPECT_EQ(local_name_for("/var/log/messages", "copy"), "copy");
+  EXPECT_EQ(local_name_for("/var/log/messages", "/tmp"), "/tmp/messages");
+  EXPECT_EQ(local_name_for("/var/log/messages", "/tmp/"), "/tmp/messages");
 }

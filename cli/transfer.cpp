@@ -70,11 +70,11 @@ std::string read_back_md5(device& dev, const std::string& remote) {
   return md5_text_of_fd(copy.get());
 }
 
-std::string base_name(const std::string& path) {
-  std::size_t end = path.find_last_not_of('/');
-  if (end == std::string::npos) return path;
-  std::size_t slash = path.rfind('/', end);
-  return path.substr(slash == std::string::npos ? 0 : slash + 1, end - (slash == std::string::npos ? 0 : slash + 1) + 1);
+// The last component of `path`, trailing slashes ignored.
+std::string base_name(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  std::size_t slash = path.rfind('/');
+  return slash == std::string::npos || path.size() == 1 ? path : path.substr(slash + 1);
 }
 
 }  // namespace
