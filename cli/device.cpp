@@ -8,18 +8,13 @@
 
 #include "cli/exit_status.h"
 #include "cli/interrupt.h"
+#include "cli/output.h"
 #include "cli/progress.h"
 
 namespace {
 
 // The longest wait the reply reader takes: a day stands for "no limit".
 constexpr int kNoLimitMs = 86400 * 1000;
-
-std::string seconds_text(int ms) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g s", ms / 1000.0);
-  return text;
-}
 
 std::string quoted(const char* command) { return std::string("\"") + command + "\""; }
 
@@ -68,7 +63,7 @@ bool device::open() {
       report(head + "host not found (check -H or KOLTA_HOST)", kExitConnection);
       break;
     case vesk_c_status::timed_out:
-      report(head + "no answer within " + seconds_text(timeout) +
+      report(head + "no answer within " + seconds_text(timeout / 1000.0) +
                  " (is the device up and reachable?)",
              kExitConnection);
       break;
@@ -104,7 +99,7 @@ bool device::failed_io(const char* command, vesk_c_status s) {
   switch (s) {
     case vesk_c_status::timed_out:
       report(head + "no answer to " + quoted(command) + " within " +
-                 seconds_text(conn_.timeout_ms) + " (raise the limit with -t)",
+                 seconds_text(conn_.timeout_ms / 1000.0) + " (raise the limit with -t)",
              kExitConnection);
       break;
     case vesk_c_status::closed:
@@ -216,7 +211,14 @@ bool device::read_body(const vesk_c_reply& reply, std::string* out, std::size_t 
   out->clear();
   if (reply.kind != vesk_c_reply_kind::data) return true;
   string_sink sink{out, limit};
-  vesk_c_status s = vesk_c_read_body(&conn_, reply, append_to_string, &sink);
+  return read_body_to_sink(reply, append_to_string, &sink);
+}
+
+bool device::read_body_to_sink(const vesk_c_reply& reply, vesk_c_sink_fn sink, void* ctx,
+                               transfer_progress* progress) {
+  vesk_c_status s = vesk_c_read_body(&conn_, reply, sink, ctx,
+                                     progress ? progress_callback : nullptr, progress);
+  if (progress != nullptr) progress_finish(progress);
   if (s != vesk_c_status::ok) return failed_io(last_command_, s);
   return true;
 }

@@ -47,6 +47,9 @@ class device {
   // The Data body of `reply`, whole, into `out` (limited to `limit` bytes:
   // more is a reported error).
   bool read_body(const vesk_c_reply& reply, std::string* out, std::size_t limit = 64u << 20);
+  // The body handed to `sink` piece by piece.
+  bool read_body_to_sink(const vesk_c_reply& reply, vesk_c_sink_fn sink, void* ctx,
+                         transfer_progress* progress = nullptr);
   // The body written to `fd`.
   bool read_body_to_fd(const vesk_c_reply& reply, int fd, transfer_progress* progress = nullptr);
 

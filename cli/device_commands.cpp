@@ -11,15 +11,10 @@
 #include <vector>
 
 #include "cli/exit_status.h"
+#include "cli/output.h"
 #include "lib/unique_fd.h"
 
 namespace {
-
-void print_text(const std::string& body) {
-  std::fwrite(body.data(), 1, body.size(), stdout);
-  if (!body.empty() && body.back() != '\n') std::fputc('\n', stdout);
-  std::fflush(stdout);
-}
 
 // The names and values of "name=value" words.
 std::vector<vesk_c_pair> pairs_of(std::span<const std::string> words,

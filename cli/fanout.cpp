@@ -12,7 +12,7 @@
 
 #include "cli/exit_status.h"
 #include "cli/interrupt.h"
-#include "cli/remote_files.h"
+#include "cli/output.h"
 #include "lib/unique_fd.h"
 
 namespace {

@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <vector>
 
+#include "cli/clock.h"
 #include "cli/exit_status.h"
+#include "cli/output.h"
 #include "cli/remote_files.h"
 #include "cli/shell_words.h"
 
@@ -20,28 +22,11 @@ constexpr const char* kArgumentlessStarter = "/usr/bin/env";
 constexpr double kFirstPause = 0.01;
 constexpr double kLongestPause = 0.25;
 
-double now_seconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
 void pause_for(double seconds) {
-  timespec ts{static_cast<time_t>(seconds), static_cast<long>((seconds - static_cast<double>(static_cast<time_t>(seconds))) * 1e9)};
-  while (nanosleep(&ts, &ts) != 0) {
-  }
-}
-
-std::string seconds_text(double seconds) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g s", seconds);
-  return text;
-}
-
-void print_body(const std::string& body) {
-  std::fwrite(body.data(), 1, body.size(), stdout);
-  if (!body.empty() && body.back() != '\n') std::fputc('\n', stdout);
-  std::fflush(stdout);
+  auto ns = static_cast<long long>(seconds * 1e9);
+  timespec ts{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+  // A signal ends the pause early: the next request sees the interrupt.
+  nanosleep(&ts, nullptr);
 }
 
 }  // namespace
@@ -93,7 +78,7 @@ int stop_process(device& dev, const std::string& pid) {
   std::string body;
   // The daemon waits up to six seconds for the process to end after SIGTERM.
   int wait_ms = dev.timeout_ms() > 0 ? dev.timeout_ms() + 7000 : -1;
-  if (dev.call("process_stop", {{"pid", pid.c_str()}}, &body, wait_ms)) print_body(body);
+  if (dev.call("process_stop", {{"pid", pid.c_str()}}, &body, wait_ms)) print_text(body);
   return dev.status();
 }
 
@@ -101,7 +86,7 @@ int show_state(device& dev, const std::string& pid, bool remove) {
   std::string body;
   bool ok = remove ? dev.call("process_getState", {{"pid", pid.c_str()}, {"rp", "1"}}, &body)
                    : dev.call("process_getState", {{"pid", pid.c_str()}}, &body);
-  if (ok) print_body(body);
+  if (ok) print_text(body);
   return dev.status();
 }
 
@@ -118,17 +103,17 @@ int show_output(device& dev, const std::string& pid, const std::string& stream, 
 }
 
 int wait_process(device& dev, const std::string& pid, std::optional<double> timeout_s) {
-  double deadline = timeout_s ? now_seconds() + *timeout_s : 0;
+  double deadline = timeout_s ? monotonic_ms() / 1000.0 + *timeout_s : 0;
   double pause = kFirstPause;
   for (;;) {
     std::string body;
     if (!dev.call("process_getState", {{"pid", pid.c_str()}}, &body)) return dev.status();
     if (field_of(body, "STATE") != "RUNNING") {
-      print_body(body);
+      print_text(body);
       return kExitOk;
     }
     if (timeout_s) {
-      double left = deadline - now_seconds();
+      double left = deadline - monotonic_ms() / 1000.0;
       if (left <= 0) {
         dev.report(endpoint_text(dev.where()) + ": process " + pid + " is still running after " + seconds_text(*timeout_s),
                    kExitConnection);

@@ -5,16 +5,12 @@
 
 #include <cstdio>
 
+#include "cli/clock.h"
+
 namespace {
 
 constexpr std::uint64_t kShowAbove = 1u << 20;
 constexpr std::int64_t kRedrawMs = 100;
-
-std::int64_t now_ms() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<std::int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
 
 std::string size_text(double bytes) {
   static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
@@ -29,7 +25,7 @@ std::string size_text(double bytes) {
 }
 
 void draw(transfer_progress* p) {
-  double seconds = static_cast<double>(now_ms() - p->started_ms) / 1000.0;
+  double seconds = static_cast<double>(monotonic_ms() - p->started_ms) / 1000.0;
   std::string line(1, '\r');
   line.append(progress_text(p->done, p->total, seconds)).append("\x1b[K");
   std::fwrite(line.data(), 1, line.size(), stderr);
@@ -62,7 +58,7 @@ void progress_start(transfer_progress* p, std::uint64_t total) {
   *p = transfer_progress{};
   p->total = total;
   p->shown = total > kShowAbove && isatty(STDERR_FILENO) == 1;
-  p->started_ms = now_ms();
+  p->started_ms = monotonic_ms();
 }
 
 void progress_callback(void* ctx, std::uint64_t done, std::uint64_t total) {
@@ -70,7 +66,7 @@ void progress_callback(void* ctx, std::uint64_t done, std::uint64_t total) {
   p->done = done;
   p->total = total;
   if (!p->shown) return;
-  std::int64_t now = now_ms();
+  std::int64_t now = monotonic_ms();
   if (p->drawn && now - p->drawn_ms < kRedrawMs) return;
   p->drawn_ms = now;
   draw(p);

@@ -7,19 +7,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cli/output.h"
 #include "cli/progress.h"
 #include "lib/md5.h"
 #include "lib/unique_fd.h"
 
-namespace {
-
-std::string signature_text(const std::uint8_t (&digest)[16]) {
+std::string md5_text(const std::uint8_t (&digest)[16]) {
   char text[33];
   md5_sig_text(digest, text);
   return text;
 }
-
-}  // namespace
 
 std::string md5_text(std::string_view bytes) {
   md5_context ctx;
@@ -27,37 +24,7 @@ std::string md5_text(std::string_view bytes) {
   MD5Update(&ctx, bytes.data(), bytes.size());
   std::uint8_t digest[16];
   MD5Final(digest, &ctx);
-  return signature_text(digest);
-}
-
-std::string md5_text_of_fd(int fd) {
-  if (::lseek(fd, 0, SEEK_SET) != 0) return {};
-  md5_context ctx;
-  MD5Init(&ctx);
-  static char block[1 << 16];
-  for (;;) {
-    ssize_t n = ::read(fd, block, sizeof block);
-    if (n == 0) break;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return {};
-    }
-    MD5Update(&ctx, block, static_cast<std::size_t>(n));
-  }
-  std::uint8_t digest[16];
-  MD5Final(digest, &ctx);
-  ::lseek(fd, 0, SEEK_SET);
-  return signature_text(digest);
-}
-
-bool write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(n));
-  }
-  return true;
+  return md5_text(digest);
 }
 
 bool upload_text(device& dev, const std::string& remote, std::string_view content) {

@@ -8,10 +8,10 @@
 
 #include "cli/device.h"
 
-// The MD5 signature of `bytes` in its text form (32 upper-case digits).
+// The text form (32 upper-case digits) of a signature, and the signature of
+// `bytes` in that form.
+std::string md5_text(const std::uint8_t (&digest)[16]);
 std::string md5_text(std::string_view bytes);
-// The MD5 signature of the file `fd` from its start; empty on a read error.
-std::string md5_text_of_fd(int fd);
 
 // Stores `content` at `remote` with putFile.
 bool upload_text(device& dev, const std::string& remote, std::string_view content);
@@ -23,6 +23,3 @@ bool fetch_to_fd(device& dev, const std::string& remote, int fd,
 
 // remFile, with any refusal ignored; it still goes out after an interrupt.
 void remove_quietly(device& dev, const std::string& remote);
-
-// Writes all of `bytes` to `fd`.
-bool write_all(int fd, std::string_view bytes);

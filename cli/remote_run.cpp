@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli/clock.h"
 #include "cli/exit_status.h"
 #include "cli/remote_files.h"
 #include "cli/shell_words.h"
@@ -62,12 +63,6 @@ int finish(device& dev, const scratch_files& f, int status) {
   return status;
 }
 
-long long now_ms() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 }  // namespace
 
 int exit_status_of(int wait_status) {
@@ -118,7 +113,7 @@ int run_program(device& dev, std::span<const std::string> argv, std::optional<in
       {"cmd", "/bin/sh"}, {"args", f.script.c_str()}, {"timeout", timeout.c_str()}};
   int limit_s = timeout_s.value_or(180);
   int reply_wait = limit_s < 0 ? -1 : limit_s * 1000 + kKillGraceMs + dev.timeout_ms();
-  long long started = now_ms();
+  std::int64_t started = monotonic_ms();
   vesk_c_reply reply;
   if (!dev.exchange("execute", args, timeout_s ? 3 : 2, &reply, reply_wait))
     return finish(dev, f, dev.status());
@@ -137,7 +132,7 @@ int run_program(device& dev, std::span<const std::string> argv, std::optional<in
       int sig = signal_named(name);
       status = sig != 0 ? 128 + sig : kExitFail;
       bool limit_hit = limit_s >= 0 && (sig == SIGTERM || sig == SIGKILL) &&
-                       now_ms() - started >= static_cast<long long>(limit_s) * 1000;
+                       monotonic_ms() - started >= static_cast<std::int64_t>(limit_s) * 1000;
       if (limit_hit)
         print_error(endpoint_text(dev.where()) + ": " + argv[0] + " was still running after " +
                     std::to_string(limit_s) + " s and was stopped (raise it with --timeout)");

@@ -14,6 +14,7 @@
 #include "cli/progress.h"
 #include "cli/remote_files.h"
 #include "cli/shell_words.h"
+#include "lib/md5.h"
 #include "lib/unique_fd.h"
 
 namespace {
@@ -58,16 +59,23 @@ std::string remote_md5sum(device& dev, const std::string& remote) {
   return sum;
 }
 
-// The signature of the device's copy, read back whole.
+bool add_to_digest(void* ctx, const char* data, std::size_t length) {
+  MD5Update(static_cast<md5_context*>(ctx), data, length);
+  return true;
+}
+
+// The signature of the device's copy, read back and hashed as it arrives.
 std::string read_back_md5(device& dev, const std::string& remote) {
-  unique_fd copy(::memfd_create("kolta-readback", MFD_CLOEXEC));
-  if (!copy.ok()) {
-    dev.report(std::string("cannot check the copy: ") + std::strerror(errno), kExitFail);
-    return {};
-  }
+  vesk_c_reply reply;
+  if (!dev.request("getFile", {{"file", remote.c_str()}}, &reply)) return {};
+  md5_context ctx;
+  MD5Init(&ctx);
   transfer_progress progress;
-  if (!fetch_to_fd(dev, remote, copy.get(), &progress)) return {};
-  return md5_text_of_fd(copy.get());
+  progress_start(&progress, reply.content_length);
+  if (!dev.read_body_to_sink(reply, add_to_digest, &ctx, &progress)) return {};
+  std::uint8_t digest[16];
+  MD5Final(digest, &ctx);
+  return md5_text(digest);
 }
 
 // The last component of `path`, trailing slashes ignored.
@@ -98,11 +106,12 @@ int put_file(device& dev, const std::string& local, const std::string& remote) {
     dev.report("cannot send " + local + ": not a regular file", kExitUsage);
     return dev.status();
   }
-  std::string signature = md5_text_of_fd(file.get());
-  if (signature.empty()) {
+  std::uint8_t digest[16];
+  if (get_file_md5(local.c_str(), digest) != 0) {
     dev.report("cannot read " + local + ": " + std::strerror(errno), kExitFail);
     return dev.status();
   }
+  std::string signature = md5_text(digest);
   auto size = static_cast<std::uint64_t>(st.st_size);
   std::string length = std::to_string(size);
   transfer_progress progress;
