@@ -20,11 +20,15 @@ bool is_number(const std::string& text) {
   return ec == std::errc() && end == text.data() + text.size();
 }
 
-std::string check_pid(const command_args& a) {
-  if (!is_number(a.words[0])) return "PID must be a number, not '" + a.words[0] + "'";
+std::string check_timeout(const command_args& a) {
   if (a.timeout && !parse_seconds(*a.timeout))
     return "--timeout needs a number of seconds, not '" + *a.timeout + "'";
   return {};
+}
+
+std::string check_pid(const command_args& a) {
+  if (!is_number(a.words[0])) return "PID must be a number, not '" + a.words[0] + "'";
+  return check_timeout(a);
 }
 
 std::string check_output(const command_args& a) {
@@ -95,7 +99,10 @@ int run_wait(device& d, const command_args& a) {
 }
 int run_setup(device& d, const command_args& a) { return change_settings(d, a.words); }
 int run_reset(device& d, const command_args&) { return reset_settings(d); }
-int run_reboot(device& d, const command_args& a) { return reboot_device(d, a.words[0]); }
+int run_reboot(device& d, const command_args& a) { return reboot_device(d, a.words[0], a.wait); }
+int run_wait_online(device& d, const command_args& a) {
+  return wait_online(d, a.timeout ? parse_seconds(*a.timeout).value_or(0) : kDefaultWaitSeconds);
+}
 int run_shutdown(device& d, const command_args&) { return shut_down(d); }
 int run_exit(device& d, const command_args&) { return exit_daemon(d); }
 int run_raw(device& d, const command_args& a) {
@@ -105,6 +112,11 @@ int run_raw(device& d, const command_args& a) {
 constexpr command_spec kCommands[] = {
     {"test", "test", "check that the daemon answers",
      "Exits 0 when the daemon answers, printing nothing.\n", 0, 0, 0, no_check, run_test},
+    {"wait-online", "wait-online [--timeout S]", "wait until the daemon answers",
+     "Tries until the daemon answers, each try on a connection of its own, with\n"
+     "pauses growing to a second. Exits 3 when it has not answered after S\n"
+     "seconds (default 300), saying what the last try saw.\n",
+     0, 0, kTakesTimeout, check_timeout, run_wait_online},
     {"version", "version", "print the device's version information",
      "Prints the daemon's version text (DEVICE=, VERSION_SW=, OS_VERSION=, ...).\n", 0, 0, 0,
      no_check, run_version},
@@ -164,9 +176,14 @@ constexpr command_spec kCommands[] = {
     {"reset", "reset", "put the connection settings back to their defaults",
      "Resets the connection's settings; the daemon then closes the connection.\n", 0, 0, 0,
      no_check, run_reset},
-    {"reboot", "reboot warm|cold", "reboot the device",
-     "warm: through init; cold: sync, then shutdown -r now.\n", 1, 1, 0, check_reboot,
-     run_reboot},
+    {"reboot", "reboot warm|cold [--wait [S]]", "reboot the device",
+     "warm: through init; cold: sync, then shutdown -r now.\n"
+     "--wait returns only once the device has booted anew (its boot id, from\n"
+     "/proc/sys/kernel/random/boot_id, has changed) and the daemon answers again.\n"
+     "It exits 3 when that takes longer than S seconds (default 300), saying what\n"
+     "was seen: a device that never went down, or came back with the same boot\n"
+     "id, has not rebooted.\n",
+     1, 1, kTakesWait, check_reboot, run_reboot},
     {"shutdown", "shutdown", "halt the device",
      "Halts the device; prints the daemon's answer (SH_TIME=15).\n", 0, 0, 0, no_check,
      run_shutdown},
@@ -211,6 +228,12 @@ std::string parse_command_args(const command_spec& spec, std::span<char* const> 
         options_end = true;
       } else if (w == "--help" || w == "-h") {
         args->help = true;
+      } else if (w == "--wait" && (spec.options & kTakesWait)) {
+        // The number of seconds is optional: a word that is not one stays a word.
+        std::optional<double> seconds;
+        if (i + 1 < words.size()) seconds = parse_seconds(words[i + 1]);
+        if (seconds) ++i;
+        args->wait = seconds.value_or(kDefaultWaitSeconds);
       } else if (w == "--remove" && (spec.options & kTakesRemove)) {
         args->remove = true;
       } else if ((w == "--timeout" && (spec.options & kTakesTimeout)) ||

@@ -13,6 +13,7 @@ struct command_args {
   std::vector<std::string> words;
   std::optional<std::string> timeout;  // --timeout S
   std::optional<std::string> body;     // --body FILE
+  std::optional<double> wait;          // --wait [S]
   bool remove = false;                 // --remove
   bool help = false;                   // --help
   bool several_hosts = false;          // set by the caller: -H named more than one
@@ -24,6 +25,7 @@ enum option_bits : unsigned {
   kTakesRemove = 1u << 1,
   kTakesBody = 1u << 2,
   kProgramWords = 1u << 3,  // the words after the first belong to a program
+  kTakesWait = 1u << 4,     // --wait, with a number of seconds or without
 };
 
 struct command_spec {
@@ -44,6 +46,9 @@ const command_spec* find_command(std::string_view name);
 // Takes the command's options out of `words`. Empty, or the usage problem.
 std::string parse_command_args(const command_spec& spec, std::span<char* const> words,
                                command_args* args);
+
+// How long --wait and wait-online wait when not told.
+inline constexpr double kDefaultWaitSeconds = 300;
 
 // A time in seconds ("2", "0.5"); nullopt unless it is a number >= 0.
 std::optional<double> parse_seconds(std::string_view text);

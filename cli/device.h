@@ -68,12 +68,12 @@ class device {
   void accept_close() { accept_close_ = true; }
   // Requests that tidy up on the device still go out after an interrupt.
   void tidy_up() { tidying_ = true; }
-
- private:
-  bool open();
   // True (with the signal's status) once an interrupt has arrived, unless
   // this is the tidying up.
   bool stopped();
+
+ private:
+  bool open();
   bool failed_io(const char* command, vesk_c_status status);
 
   target where_;

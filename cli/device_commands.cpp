@@ -7,11 +7,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <strings.h>
 #include <vector>
 
 #include "cli/exit_status.h"
+#include "cli/interrupt.h"
 #include "cli/output.h"
+#include "client/online.h"
 #include "lib/unique_fd.h"
 
 namespace {
@@ -30,6 +33,28 @@ std::vector<vesk_c_pair> pairs_of(std::span<const std::string> words,
   for (std::size_t i = 0; i < storage->size(); i += 2)
     pairs.push_back({(*storage)[i].c_str(), (*storage)[i + 1].c_str()});
   return pairs;
+}
+
+// One try of a wait is bounded by -t, and by this, so that a device coming
+// back is seen soon after a try that went unanswered.
+constexpr int kLongestTryMs = 5000;
+
+vesk_c_endpoint endpoint_of(const device& dev) {
+  int limit = dev.timeout_ms() > 0 ? std::min(dev.timeout_ms(), kLongestTryMs) : kLongestTryMs;
+  return {dev.where().host.c_str(), dev.where().port, limit};
+}
+
+bool not_interrupted() { return interrupt_signal() == 0; }
+
+// Reports how a wait ended, unless it succeeded; the status.
+int wait_ended(device& dev, const vesk_c_wait_report& report, double timeout_s) {
+  if (report.outcome == vesk_c_wait_outcome::stopped) {
+    dev.stopped();
+  } else if (report.outcome != vesk_c_wait_outcome::online) {
+    dev.report(endpoint_text(dev.where()) + " " + vesk_c_wait_text(report, timeout_s),
+               kExitConnection);
+  }
+  return dev.status();
 }
 
 }  // namespace
@@ -64,9 +89,25 @@ int reset_settings(device& dev) {
   return dev.status();
 }
 
-int reboot_device(device& dev, const std::string& mode) {
+int wait_online(device& dev, double timeout_s) {
+  return wait_ended(dev, vesk_c_wait_online(endpoint_of(dev), timeout_s, not_interrupted),
+                    timeout_s);
+}
+
+int reboot_device(device& dev, const std::string& mode, std::optional<double> wait_s) {
+  std::string before;
+  if (wait_s) {
+    if (!dev.call("getFile", {{"file", kBootIdFile}}, &before)) return dev.status();
+    while (!before.empty() && (before.back() == '\n' || before.back() == ' ')) before.pop_back();
+    dev.close();
+  }
+  // The device may go down before the reply leaves it: the wait tells.
+  if (wait_s) dev.accept_close();
   dev.call("reboot", {{"mode", mode.c_str()}});
-  return dev.status();
+  dev.close();
+  if (!wait_s || dev.status() != 0) return dev.status();
+  return wait_ended(dev, vesk_c_wait_reboot(endpoint_of(dev), before, *wait_s, not_interrupted),
+                    *wait_s);
 }
 
 int shut_down(device& dev) {

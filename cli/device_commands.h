@@ -1,4 +1,4 @@
-// test, version, setup, reset, reboot, shutdown, exit and raw.
+// test, wait-online, version, setup, reset, reboot, shutdown, exit and raw.
 #pragma once
 
 #include <optional>
@@ -12,7 +12,13 @@ int show_version(device& dev);
 // `settings` are "name=value" words, checked by the caller.
 int change_settings(device& dev, std::span<const std::string> settings);
 int reset_settings(device& dev);
-int reboot_device(device& dev, const std::string& mode);
+// Waits until the daemon answers, for at most `timeout_s` seconds (exit 3
+// after that, saying what the last try saw).
+int wait_online(device& dev, double timeout_s);
+// With `wait_s`, returns once the device has booted anew (its boot id has
+// changed) and answers again; exit 3 when that takes longer, saying what was
+// seen (a device that never went down included).
+int reboot_device(device& dev, const std::string& mode, std::optional<double> wait_s);
 int shut_down(device& dev);
 int exit_daemon(device& dev);
 // Any request; the reply is printed as it came: its header lines, an empty

@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <future>
+#include <thread>
 #include <cerrno>
 #include <ostream>
 #include <sstream>
@@ -435,6 +438,98 @@ TEST_F(KoltaCli, DeviceCommandsAndEnvironment) {
   EXPECT_EQ(r.err, "");
   EXPECT_TRUE(sb_.wait_exit(10000).has_value()) << "the daemon still runs";
   EXPECT_EQ(kolta({"test"}).status, 3);
+}
+
+
+// Waiting for a device: the sandbox acts out a reboot by ending the daemon
+// (its power stubs) and the test starts it again on the same port, with
+// another boot id when the device is meant to have rebooted.
+class KoltaWaits : public ::testing::Test {
+ protected:
+  void SetUp() override { KOLTA_REQUIRE_SANDBOX(); }
+
+  // A daemon on `port` (0: a free one) reading `boot_id` as the kernel's boot id.
+  std::unique_ptr<Sandbox> boot(const std::string& boot_id, int port = 0) {
+    auto sb = std::make_unique<Sandbox>();
+    SandboxOptions options{.boot_id = boot_id, .reboot_ends_daemon = true};
+    if (port != 0) options.config = "port=" + std::to_string(port) + "\n";
+    EXPECT_TRUE(sb->start(options)) << sb->error();
+    if (port_ == 0) port_ = sb->port();
+    return sb;
+  }
+  run_result kolta(std::vector<std::string> args) {
+    args.insert(args.begin(), {"-H", "127.0.0.1", "-p", std::to_string(port_)});
+    return run_kolta(args);
+  }
+  std::string where() const { return "127.0.0.1:" + std::to_string(port_); }
+
+  int port_ = 0;
+};
+
+TEST_F(KoltaWaits, WaitOnlineUntilTheDaemonAnswers) {
+  port_ = free_port();
+  run_result r = kolta({"wait-online", "--timeout", "1"});
+  EXPECT_EQ(r.status, 3) << r;
+  EXPECT_EQ(r.err, "kolta: " + where() +
+                       " did not answer within 1 s (last try: cannot connect: "
+                       "Connection refused)\n");
+  // A daemon that comes up while kolta waits.
+  auto waiting = std::async(std::launch::async, [&] { return kolta({"wait-online"}); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  auto sb = boot("boot-1", port_);
+  r = waiting.get();
+  EXPECT_EQ(r.status, 0) << r;
+  EXPECT_EQ(r.out + r.err, "");
+  EXPECT_EQ(kolta({"wait-online", "--timeout", "x"}).status, 2);
+}
+
+TEST_F(KoltaWaits, RebootWaitReturnsOnceBootedAnew) {
+  auto first = boot("boot-1");
+  auto waiting =
+      std::async(std::launch::async, [&] { return kolta({"reboot", "warm", "--wait", "30"}); });
+  ASSERT_TRUE(first->wait_exit(15000).has_value()) << "the reboot stub did not end the daemon";
+  EXPECT_EQ(first->log(Sandbox::Log::power), "/sbin/init 6\n");
+  auto second = boot("boot-2", port_);
+  run_result r = waiting.get();
+  EXPECT_EQ(r.status, 0) << r;
+  EXPECT_EQ(r.out + r.err, "");
+}
+
+TEST_F(KoltaWaits, RebootThatDidNotHappenIsAnError) {
+  // Init did nothing: the device answers throughout with its boot id.
+  auto stays = std::make_unique<Sandbox>();
+  ASSERT_TRUE(stays->start({.boot_id = "boot-1"})) << stays->error();
+  port_ = stays->port();
+  run_result r = kolta({"reboot", "cold", "--wait", "2"});
+  EXPECT_EQ(r.status, 3) << r;
+  EXPECT_EQ(r.err, "kolta: " + where() +
+                       " did not reboot: it kept answering with the same boot id for 2 s (it "
+                       "never went down)\n");
+  EXPECT_TRUE(stays->wait_log("shutdown -r now", 5000, Sandbox::Log::power));
+  stays.reset();
+
+  // It went down and stayed down.
+  port_ = 0;
+  auto gone = boot("boot-1");
+  r = kolta({"reboot", "warm", "--wait", "5"});
+  EXPECT_EQ(r.status, 3) << r;
+  EXPECT_TRUE(r.err.starts_with("kolta: " + where() + " went down ")) << r;
+  EXPECT_NE(r.err.find("after the reboot request and did not answer again within 5 s (last try: "),
+            std::string::npos)
+      << r;
+
+  // Only the daemon came back: the boot id is the old one.
+  gone.reset();
+  auto before = boot("boot-1", port_);
+  auto waiting =
+      std::async(std::launch::async, [&] { return kolta({"reboot", "warm", "--wait", "8"}); });
+  ASSERT_TRUE(before->wait_exit(15000).has_value()) << "the reboot stub did not end the daemon";
+  auto after = boot("boot-1", port_);
+  r = waiting.get();
+  EXPECT_EQ(r.status, 3) << r;
+  EXPECT_NE(r.err.find(" with the same boot id (the daemon restarted, the device did not)\n"),
+            std::string::npos)
+      << r;
 }
 
 }  // namespace

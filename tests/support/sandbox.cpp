@@ -30,6 +30,11 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr char kPowerStub[] = "#!/bin/sh\necho \"$0 $*\" >> /etc/kolta/power.log\n";
+// The same, and a reboot then ends the daemon's process group (SIGTERM, its
+// clean-up runs) once the reply has had time to leave.
+constexpr char kRebootingStub[] =
+    "#!/bin/sh\necho \"$0 $*\" >> /etc/kolta/power.log\n"
+    "case \"$*\" in 6|-r*) (sleep 0.3; kill -TERM 0) </dev/null >/dev/null 2>&1 & ;; esac\n";
 
 bool write_file(const std::string& path, std::string_view text, mode_t mode = 0644) {
   unique_fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode));
@@ -123,9 +128,12 @@ bool Sandbox::start(const SandboxOptions& options) {
   std::error_code ec;
   for (const char* sub : {"etc/kolta", "etc.work", "sbin", "sbin.work"})
     fs::create_directories(dir_ + "/" + sub, ec);
+  const char* stub = options.reboot_ends_daemon ? kRebootingStub : kPowerStub;
+  const std::string boot_id_file = dir_ + "/boot_id";
   if (!write_file(dir_ + "/etc/kolta/kolta.conf", config) ||
-      !write_file(dir_ + "/sbin/shutdown", kPowerStub, 0755) ||
-      !write_file(dir_ + "/sbin/init", kPowerStub, 0755)) {
+      !write_file(dir_ + "/sbin/shutdown", stub, 0755) ||
+      !write_file(dir_ + "/sbin/init", stub, 0755) ||
+      (!options.boot_id.empty() && !write_file(boot_id_file, options.boot_id + "\n"))) {
     return fail("cannot prepare " + dir_);
   }
 
@@ -182,11 +190,18 @@ bool Sandbox::start(const SandboxOptions& options) {
       _exit(127);
     };
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // no daemon outlives a crashed test
+    sigset_t none;  // whatever the holder blocks, the daemon starts with no signal blocked
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
     if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) die("sandbox: unshare");
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
       die("sandbox: private /");
     if (!overlay("/etc", etc, etc_work)) die("sandbox: overlay /etc");
     if (!overlay("/usr/sbin", sbin, sbin_work)) die("sandbox: overlay /usr/sbin");
+    if (!options.boot_id.empty() &&
+        ::mount(boot_id_file.c_str(), "/proc/sys/kernel/random/boot_id", nullptr, MS_BIND,
+                nullptr) != 0)
+      die("sandbox: boot id");
     if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) die("sandbox: tmpfs /tmp");
     if (::setsid() < 0) die("sandbox: setsid");
     ::dup2(out_log.get(), STDOUT_FILENO);

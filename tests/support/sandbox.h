@@ -41,6 +41,12 @@ struct SandboxOptions {
   // PATH; empty to run the daemon directly. The emulator gets the daemon's
   // path inside the sandbox, then the daemon's arguments.
   std::vector<std::string> emulator = {};
+  // The kernel's boot id as the daemon reads it
+  // (/proc/sys/kernel/random/boot_id); empty for the machine's own.
+  std::string boot_id = {};
+  // The reboot stubs ("/sbin/init 6", "shutdown -r") end the daemon's
+  // process group a moment after they return, as a system going down would.
+  bool reboot_ends_daemon = false;
 };
 
 class Sandbox {

@@ -2,6 +2,7 @@
 // Python client's tests, command-line tests).
 //
 //   kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND] [--show-log]
+//                 [--reboots]
 //
 // Starts N daemons (default 1), each in its own sandbox, and prints the TCP
 // port of each on its own line of standard output, in order. They run until
@@ -13,6 +14,10 @@
 //   kolta_sandbox --daemon build-armhf/server/koltad
 //                 --emulator "qemu-arm -L /usr/arm-linux-gnueabihf"
 // (one command line).
+// --reboots lets a daemon act out a reboot: its "/sbin/init 6" and
+// "shutdown -r" end it a moment after answering, and the helper then starts
+// it again on the same port with another boot id (what it reads from
+// /proc/sys/kernel/random/boot_id: "sandbox-boot-1", "sandbox-boot-2", ...).
 // --show-log writes each daemon's standard output and standard error to
 // standard error once all have stopped (a daemon that does not come up has
 // them in its error message anyway).
@@ -45,6 +50,7 @@ constexpr int kMaxCount = 32;
 int usage() {
   std::fputs(
       "usage: kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND] [--show-log]\n"
+      "                     [--reboots]\n"
       "       (1 <= N <= 32)\n",
       stderr);
   return 2;
@@ -69,15 +75,57 @@ void show_log(int number, const kolta_test::Sandbox& sandbox) {
                sandbox.log(kolta_test::Sandbox::Log::err).c_str());
 }
 
-// Blocks until standard input ends or a stop signal arrives. The signals are
-// blocked only now, after the daemons were forked, so that they do not
-// inherit a blocked SIGTERM.
-void wait_for_stop() {
+// A daemon that acts out reboots: started again, with a new boot id, each
+// time a reboot ended it.
+class rebooting_daemon {
+ public:
+  rebooting_daemon(kolta_test::SandboxOptions options) : options_(std::move(options)) {
+    options_.reboot_ends_daemon = true;
+  }
+  bool start() {
+    options_.boot_id = "sandbox-boot-" + std::to_string(++boots_);
+    auto next = std::make_unique<kolta_test::Sandbox>();
+    if (!next->start(options_)) {
+      std::fprintf(stderr, "kolta_sandbox: daemon did not start again: %s\n",
+                   next->error().c_str());
+      return false;
+    }
+    if (port_ == 0) {
+      port_ = next->port();
+      options_.config = "port=" + std::to_string(port_) + "\n";
+    }
+    sandbox_ = std::move(next);
+    return true;
+  }
+  // After a child ended: starts the daemon again if it was this one.
+  void restart_if_ended() {
+    if (sandbox_ && sandbox_->wait_exit(0)) {
+      sandbox_->stop();
+      sandbox_.reset();
+      start();
+    }
+  }
+  kolta_test::Sandbox* sandbox() const { return sandbox_.get(); }
+  int port() const { return port_; }
+
+ private:
+  kolta_test::SandboxOptions options_;
+  std::unique_ptr<kolta_test::Sandbox> sandbox_;
+  int boots_ = 0;
+  int port_ = 0;
+};
+
+// Blocks until standard input ends or a stop signal arrives; `child_ended`
+// runs on every SIGCHLD meanwhile. The signals are blocked only now, after
+// the daemons were forked (a daemon unblocks them when it starts).
+template <typename OnChild>
+void wait_for_stop(OnChild child_ended) {
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGTERM);
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGHUP);
+  sigaddset(&stop, SIGCHLD);
   sigprocmask(SIG_BLOCK, &stop, nullptr);
   int sfd = signalfd(-1, &stop, SFD_CLOEXEC);
   if (sfd < 0) {
@@ -91,7 +139,12 @@ void wait_for_stop() {
       std::perror("kolta_sandbox: poll");
       break;
     }
-    if (fds[1].revents != 0) break;
+    if (fds[1].revents != 0) {
+      signalfd_siginfo info{};
+      if (read(sfd, &info, sizeof info) != sizeof info) break;
+      if (info.ssi_signo != SIGCHLD) break;
+      child_ended();
+    }
     if (fds[0].revents != 0) {
       char discard[256];
       ssize_t n = read(STDIN_FILENO, discard, sizeof discard);
@@ -106,6 +159,7 @@ void wait_for_stop() {
 int main(int argc, char** argv) {
   int count = 1;
   bool logs = false;
+  bool reboots = false;
   kolta_test::SandboxOptions options;
   for (int i = 1; i < argc; ++i) {
     std::string_view arg = argv[i];
@@ -119,6 +173,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--emulator" && i + 1 < argc) {
       options.emulator = split_words(argv[++i]);
       if (options.emulator.empty()) return usage();
+    } else if (arg == "--reboots") {
+      reboots = true;
     } else if (arg == "--show-log") {
       logs = true;
     } else {
@@ -129,6 +185,25 @@ int main(int argc, char** argv) {
   if (const std::string& why = kolta_test::sandbox_unavailable_reason(); !why.empty()) {
     std::fprintf(stderr, "kolta_sandbox: needs root and namespaces: %s\n", why.c_str());
     return kExitUnavailable;
+  }
+
+  if (reboots) {
+    std::vector<std::unique_ptr<rebooting_daemon>> daemons;
+    for (int i = 0; i < count; ++i) {
+      daemons.push_back(std::make_unique<rebooting_daemon>(options));
+      if (!daemons.back()->start()) return 1;
+    }
+    for (const auto& d : daemons) std::printf("%d\n", d->port());
+    std::fflush(stdout);
+    wait_for_stop([&daemons] {
+      for (auto& d : daemons) d->restart_if_ended();
+    });
+    for (auto& d : daemons) {
+      if (d->sandbox() == nullptr) continue;
+      d->sandbox()->stop();
+      if (logs) show_log(static_cast<int>(&d - daemons.data()) + 1, *d->sandbox());
+    }
+    return 0;
   }
 
   std::vector<std::unique_ptr<kolta_test::Sandbox>> daemons;
@@ -144,7 +219,8 @@ int main(int argc, char** argv) {
   for (const auto& sandbox : daemons) std::printf("%d\n", sandbox->port());
   std::fflush(stdout);
 
-  wait_for_stop();
+  // Children that end here are workers the daemons left behind: Sandbox::stop reaps them.
+  wait_for_stop([] {});
   // Each daemon's clean-up takes a few seconds: stop them side by side.
   std::vector<std::thread> stopping;
   for (auto& sandbox : daemons) stopping.emplace_back([&sandbox] { sandbox->stop(); });
