@@ -3,12 +3,12 @@
 from __future__ import annotations
 
 import os
-import time
 import uuid
 from collections.abc import Callable, Sequence
 from typing import TypeVar, overload
 
 from kolta.errors import CommandFailed, ConnectionFailed, KoltaError
+from kolta.online import read_boot_id, wait_online, wait_reboot
 from kolta.process import Process, fetch_output, query_state, stop_process, wait_for_end
 from kolta.results import ProcessState, Result
 from kolta.transfer import LocalSource, download, download_to, upload, verify
@@ -52,7 +52,6 @@ class Device:
         self.host = host
         self.port = port
         self.timeout = timeout
-        self._boot_before_reboot: str | None = None
 
     def __repr__(self) -> str:
         return f"Device({self.host!r}, port={self.port})"
@@ -161,10 +160,20 @@ class Device:
     def reset(self) -> None:
         self.channel().request_then_close("server_reset")
 
-    def reboot(self, mode: str) -> None:
-        """Reboots the device: mode "warm" (through init) or "cold"."""
-        self._boot_before_reboot = self._boot_id()
+    def reboot(self, mode: str, wait: bool = False, timeout: float = 300.0) -> None:
+        """Reboots the device: mode "warm" (through init) or "cold". With
+        `wait`, returns only once the device has booted anew (its boot id
+        has changed) and answers again; TimeoutError after `timeout` seconds,
+        saying what was seen (a device that never went down has not
+        rebooted)."""
+        if not wait:
+            self.channel().request_then_close("reboot", {"mode": mode})
+            return
+        with self.channel() as channel:
+            before = read_boot_id(channel)
+        # The device may go down before the reply leaves it: the wait tells.
         self.channel().request_then_close("reboot", {"mode": mode})
+        wait_reboot(self.host, self.port, before, timeout, self.timeout)
 
     def shutdown(self) -> None:
         self.channel().request_then_close("shutdown")
@@ -174,24 +183,9 @@ class Device:
         self.channel().request_then_close("exitapp")
 
     def wait_until_online(self, timeout: float) -> None:
-        """Waits until the daemon answers; after reboot() also until the
-        device has booted anew. TimeoutError after `timeout` seconds."""
-        deadline = time.monotonic() + timeout
-        pause = 0.1
-        while True:
-            if self.test():
-                before = self._boot_before_reboot
-                if before is None:
-                    return
-                now = self._boot_id()
-                if now is not None and now != before:
-                    self._boot_before_reboot = None
-                    return
-            left = deadline - time.monotonic()
-            if left <= 0:
-                raise TimeoutError(f"{self.host}:{self.port} not back online within {timeout} s")
-            time.sleep(min(pause, left))
-            pause = min(pause * 2, 1.0)
+        """Waits until the daemon answers; TimeoutError after `timeout`
+        seconds, saying what the last try saw."""
+        wait_online(self.host, self.port, timeout, self.timeout)
 
     # -- helpers ----------------------------------------------------------
 
@@ -232,12 +226,6 @@ class Device:
             action(channel)
         except (KoltaError, OSError):
             pass
-
-    def _boot_id(self) -> str | None:
-        try:
-            return self.get("/proc/sys/kernel/random/boot_id").decode("latin-1").strip()
-        except KoltaError:
-            return None
 
     @staticmethod
     def _checked(command: str, result: Result, check: bool) -> Result:

@@ -37,9 +37,9 @@ def sandbox_helper() -> Path:
 class Sandboxes:
     """Daemons in their sandboxes, up until stop()."""
 
-    def __init__(self, count: int) -> None:
+    def __init__(self, count: int, reboots: bool = False) -> None:
         self._helper = subprocess.Popen(
-            [str(sandbox_helper()), "--count", str(count)],
+            [str(sandbox_helper()), "--count", str(count), *(["--reboots"] if reboots else [])],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -82,5 +82,14 @@ def device(sandboxes: Sandboxes) -> Device:
 def own_daemon() -> Iterator[Device]:
     """A daemon of its own, for tests that end it."""
     daemon = Sandboxes(1)
+    yield daemon.devices()[0]
+    daemon.stop()
+
+
+@pytest.fixture
+def rebooting_device() -> Iterator[Device]:
+    """A daemon of its own that acts out reboots: it ends on "reboot" and
+    comes back on the same port with another boot id."""
+    daemon = Sandboxes(1, reboots=True)
     yield daemon.devices()[0]
     daemon.stop()

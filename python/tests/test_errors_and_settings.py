@@ -6,6 +6,7 @@ from __future__ import annotations
 import pytest
 
 from kolta import ConnectionFailed, Device, Refused
+from kolta.online import BOOT_ID_FILE
 from kolta.wire import encode_request
 
 from conftest import Sandboxes
@@ -63,13 +64,24 @@ def test_reboot_shutdown_and_online_wait(device: Device) -> None:
     device.wait_until_online(timeout=10)
     device.shutdown()  # the sandbox's shutdown program is a stub
     device.reboot("warm")  # and so is init: the device never goes down
-    with pytest.raises(TimeoutError):
-        device.wait_until_online(timeout=1)  # online, but not booted anew
+    with pytest.raises(TimeoutError, match=r"did not reboot: .* same boot id for 1 s \(it never went down\)"):
+        device.reboot("warm", wait=True, timeout=1)
     assert device.test()
+
+
+def test_reboot_waits_until_booted_anew(rebooting_device: Device) -> None:
+    assert rebooting_device.get(BOOT_ID_FILE) == b"sandbox-boot-1\n"
+    rebooting_device.reboot("cold", wait=True, timeout=30)
+    assert rebooting_device.get(BOOT_ID_FILE) == b"sandbox-boot-2\n"
+    # The daemon takes two seconds to end, and longer to come back.
+    with pytest.raises(TimeoutError, match=r"went down .* did not answer again within 1.5 s"):
+        rebooting_device.reboot("warm", wait=True, timeout=1.5)
+    rebooting_device.wait_until_online(timeout=30)
+    assert rebooting_device.get(BOOT_ID_FILE) == b"sandbox-boot-3\n"
 
 
 def test_exit_ends_the_daemon(own_daemon: Device) -> None:
     assert own_daemon.test()
     own_daemon.exit()
-    with pytest.raises(TimeoutError):
+    with pytest.raises(TimeoutError, match=r"did not answer within 1 s \(last try: "):
         own_daemon.wait_until_online(timeout=1)
