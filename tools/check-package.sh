@@ -2,7 +2,7 @@
 # Checks the installation and the Debian package of a configured build:
 #   tools/check-package.sh BUILD_DIR
 # Installs into a staging directory (DESTDIR) and checks that exactly the
-# two programs, the configuration and the systemd unit land there, then makes
+# two programs, the configuration, the systemd unit and its shutdown land there, then makes
 # the package with cpack and checks its file list, its conffiles and that the
 # unit names the installed daemon. Builds koltad and kolta first when needed.
 # Exit status 0 when all is well, 1 on a failed check, 77 when dpkg-deb is
@@ -25,6 +25,7 @@ fail() {
 expected="/etc/kolta/kolta.conf
 /usr/bin/kolta
 /usr/lib/systemd/system/koltad.service
+/usr/libexec/koltad/shutdown
 /usr/sbin/koltad"
 
 cmake --build "$build" --target koltad kolta >/dev/null
@@ -37,6 +38,15 @@ $installed"
 grep -qx 'ExecStart=/usr/sbin/koltad' "$work/stage/usr/lib/systemd/system/koltad.service" ||
   fail "the unit does not start /usr/sbin/koltad"
 grep -qx 'port=10000' "$work/stage/etc/kolta/kolta.conf" || fail "the configuration has no port=10000"
+grep -q '^Environment=PATH=/usr/libexec/koltad:' "$work/stage/usr/lib/systemd/system/koltad.service" ||
+  fail "the unit does not put /usr/libexec/koltad first on the daemon's PATH"
+# The package's shutdown turns "+0" into "now" and passes the rest on.
+mkdir -p "$work/fake"
+printf '#!/bin/sh\necho "$@"\n' >"$work/fake/shutdown"
+chmod 755 "$work/fake/shutdown"
+[ "$(sed "s|/usr/sbin/shutdown /sbin/shutdown|$work/fake/shutdown|" \
+      "$work/stage/usr/libexec/koltad/shutdown" | sh -s -- -h +0)" = "-h now" ] ||
+  fail "the package's shutdown does not turn -h +0 into -h now"
 # A configuration already in place is kept.
 echo 'port=4711' >"$work/stage/etc/kolta/kolta.conf"
 DESTDIR="$work/stage" cmake --install "$build" --prefix /usr >"$work/install.log"
