@@ -48,6 +48,14 @@ $installed"
 grep -qx 'ExecStart=/usr/sbin/koltad' "$work/stage/usr/lib/systemd/system/koltad.service" ||
   fail "the unit does not start /usr/sbin/koltad"
 grep -qx 'port=10000' "$work/stage/etc/kolta/kolta.conf" || fail "the configuration has no port=10000"
+# Both manual pages show from the staged installation, without a warning.
+if command -v man >/dev/null; then
+  for page in man1/kolta.1.gz man8/koltad.8.gz; do
+    warnings=$(MANWIDTH=80 man --warnings -E UTF-8 -l "$work/stage/usr/share/man/$page" 2>&1 >/dev/null) ||
+      fail "man -l cannot show $page"
+    [ -z "$warnings" ] || fail "man warns about $page: $warnings"
+  done
+fi
 # A configuration already in place is kept.
 echo 'port=4711' >"$work/stage/etc/kolta/kolta.conf"
 DESTDIR="$work/stage" cmake --install "$build" --prefix /usr >"$work/install.log"
