@@ -36,7 +36,7 @@ def kolta_help(kolta: Path) -> HelpText:
             section = line.rstrip(":").lower()
             continue
         if section == "options":
-            option = re.match(r"^ +(-\w)(?:, (--[\w-]+))?", line)
+            option = re.match(r"^ +(-\w|--[\w-]+)(?:, (--[\w-]+))?", line)
             if option:
                 found.options += [name for name in option.groups() if name]
         elif section == "commands":
