@@ -20,6 +20,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
+. tools/sandbox.sh
 
 archs=("$@")
 if [ ${#archs[@]} -eq 0 ]; then
@@ -45,15 +46,7 @@ texts_reference=$(dirname "$(dirname "$sandbox")")/lib/system_texts_dump
 [ -x "$texts_reference" ] || cmake --build "$(dirname "$(dirname "$sandbox")")" --target system_texts_dump >/dev/null
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/kolta-static.XXXXXX")
-sandbox_pid=
-stop_sandbox() {
-  if [ -n "$sandbox_pid" ]; then
-    exec {to_sandbox}>&- 2>/dev/null || true
-    wait "$sandbox_pid" 2>/dev/null || true
-    sandbox_pid=
-  fi
-}
-trap 'stop_sandbox; rm -rf "$work"' EXIT
+trap 'sandbox_stop || true; rm -rf "$work"' EXIT
 
 failed=0
 fail() {
@@ -92,25 +85,12 @@ for arch in "${archs[@]}"; do
     echo "== static $arch: koltad and kolta under ${emulator[0]} without a sysroot"
     where=(--emulator "${emulator[0]}")
   fi
-  rm -f "$work/to-sandbox" "$work/ports"
-  mkfifo "$work/to-sandbox"
-  "$sandbox" --daemon "$daemon" "${where[@]}" --show-log \
-    <"$work/to-sandbox" >"$work/ports" 2>"$work/sandbox.log" &
-  sandbox_pid=$!
-  exec {to_sandbox}>"$work/to-sandbox"  # the sandbox runs until this closes
-  port=
-  while [ -z "$port" ] && kill -0 "$sandbox_pid" 2>/dev/null; do
-    port=$(head -n1 "$work/ports")
-    [ -n "$port" ] || sleep 0.2
-  done
-  if [ -z "$port" ]; then
-    status=0
-    wait "$sandbox_pid" || status=$?
-    sandbox_pid=
-    if [ "$status" -eq 77 ]; then
-      echo "static test skipped: $(cat "$work/sandbox.log")"
-      exit 0
-    fi
+  status=0
+  sandbox_start "$work" --daemon "$daemon" "${where[@]}" || status=$?
+  if [ "$status" -eq 77 ]; then
+    echo "static test skipped: $(cat "$work/sandbox.log")"
+    exit 0
+  elif [ "$status" -ne 0 ]; then
     cat "$work/sandbox.log" >&2
     fail "$arch: the static daemon did not come up"
     continue
@@ -156,9 +136,7 @@ for arch in "${archs[@]}"; do
   fi
   [ "$failed" -eq 0 ] && echo "   kolta: test, version, sh, put/get, a background process all right"
 
-  exec {to_sandbox}>&-
-  wait "$sandbox_pid" || fail "$arch: kolta_sandbox ended with status $?"
-  sandbox_pid=
+  sandbox_stop || fail "$arch: kolta_sandbox ended with status $?"
   # (The sh command above failing on purpose is logged as "Modul returned with error".)
   if grep -v -e '^--- daemon' -e 'Modul returned with error' "$work/sandbox.log" |
     grep -E 'FATAL|[Ee]rror' >"$work/errors"; then
