@@ -12,6 +12,7 @@
 #include "cli/exit_status.h"
 #include "cli/remote_files.h"
 #include "cli/shell_words.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -71,13 +72,7 @@ int exit_status_of(int wait_status) {
   return kExitFail;
 }
 
-int signal_named(std::string_view text) {
-  for (int sig = 1; sig < NSIG; ++sig) {
-    const char* name = strsignal(sig);
-    if (name != nullptr && text == name) return sig;
-  }
-  return 0;
-}
+int signal_named(std::string_view text) { return signal_from_text(text); }
 
 int run_shell(device& dev, const std::string& command) {
   scratch_files f;

@@ -1,8 +1,8 @@
 // kolta_sandbox: runs sandboxed daemons for tests written outside C++ (the
 // Python client's tests, command-line tests).
 //
-//   kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND] [--show-log]
-//                 [--reboots]
+//   kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND]
+//                 [--empty-root SHELL] [--show-log] [--reboots]
 //
 // Starts N daemons (default 1), each in its own sandbox, and prints the TCP
 // port of each on its own line of standard output, in order. They run until
@@ -14,6 +14,8 @@
 //   kolta_sandbox --daemon build-armhf/server/koltad
 //                 --emulator "qemu-arm -L /usr/arm-linux-gnueabihf"
 // (one command line).
+// --empty-root runs each daemon in an otherwise empty root with SHELL, a
+// static shell, as its /bin/sh (a static daemon, and a static emulator).
 // --reboots lets a daemon act out a reboot: its "/sbin/init 6" and
 // "shutdown -r" end it a moment after answering, and the helper then starts
 // it again on the same port with another boot id (what it reads from
@@ -49,8 +51,8 @@ constexpr int kMaxCount = 32;
 
 int usage() {
   std::fputs(
-      "usage: kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND] [--show-log]\n"
-      "                     [--reboots]\n"
+      "usage: kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND]\n"
+      "                     [--empty-root SHELL] [--show-log] [--reboots]\n"
       "       (1 <= N <= 32)\n",
       stderr);
   return 2;
@@ -173,6 +175,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--emulator" && i + 1 < argc) {
       options.emulator = split_words(argv[++i]);
       if (options.emulator.empty()) return usage();
+    } else if (arg == "--empty-root" && i + 1 < argc && argv[i + 1][0] != '\0') {
+      options.empty_root_shell = argv[++i];
     } else if (arg == "--reboots") {
       reboots = true;
     } else if (arg == "--show-log") {
