@@ -10,6 +10,8 @@ ensure_packages() {
   [ "$(id -u)" -eq 0 ] || sudo="sudo"
   # A mirror in mid-sync can fail one index; the install below says whether
   # what is needed was found anyway.
-  $sudo apt-get update -qq || echo "apt-get update reported errors; installing anyway" >&2
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+  # Another installation may hold dpkg's lock for a while: wait for it.
+  local lock=(-o DPkg::Lock::Timeout=600)
+  $sudo apt-get "${lock[@]}" update -qq || echo "apt-get update reported errors; installing anyway" >&2
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get "${lock[@]}" install -y -qq "${missing[@]}"
 }

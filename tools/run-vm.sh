@@ -66,7 +66,32 @@ debian)
     -netdev "user,id=net0,hostfwd=tcp:127.0.0.1:$port-:10000" -device virtio-net-pci,netdev=net0
   ;;
 busybox-armhf | busybox-arm64)
-  exec vm/busybox.sh "${system#busybox-}" "$port"
+  arch=${system#busybox-}
+  if [ "$arch" = armhf ]; then
+    qemu=(qemu-system-arm -M virt -cpu cortex-a15)
+    console=ttyAMA0
+  else
+    qemu=(qemu-system-aarch64 -M virt -cpu cortex-a57)
+    console=ttyAMA0
+  fi
+  ensure_packages qemu-system-arm cpio || skip "cannot install qemu-system-arm"
+  command -v "${qemu[0]}" >/dev/null || skip "qemu-system-arm installed no ${qemu[0]}"
+  build_host_side
+  echo "-- static build for $arch (tools/build-static.sh)"
+  tools/build-static.sh "$arch" >"$vm/build-static-$arch.log" 2>&1 ||
+    { cat "$vm/build-static-$arch.log" >&2; exit 1; }
+  dir=$vm/$system
+  vm/busybox-image.sh "$arch" "$dir" "$(ls dist/kolta-*-"$arch".tar.gz | tail -n1)"
+  port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
+  serial=$dir/serial.log
+  rm -f "$serial"
+  echo "-- booting (TCG; serial console in $serial)"
+  exec /usr/bin/python3 vm/checks.py --system "$system" --kolta "$vm/deb/cli/kolta" --port "$port" \
+    --serial "$serial" --remote /tmp/kolta-vm-put.bin --exit-policy returns -- \
+    "${qemu[@]}" -smp 2 -m 512 \
+    -display none -monitor none -chardev "file,id=console,path=$serial,append=on" -serial chardev:console \
+    -kernel "$dir/vmlinuz" -initrd "$dir/initramfs.gz" -append "console=$console rdinit=/sbin/init" \
+    -netdev "user,id=net0,hostfwd=tcp:127.0.0.1:$port-:10000" -device virtio-net-device,netdev=net0
   ;;
 *)
   echo "usage: $0 debian|busybox-armhf|busybox-arm64" >&2
