@@ -3,7 +3,8 @@
 # for the programs they call (no daemon, nothing rebooted):
 #   kolta-board-setup on a BusyBox root, a root with its own shutdown, twice;
 #   shutdown's options; the init wrapper outside process 1;
-#   S50koltad start/status/stop/restart around a stand-in daemon.
+#   S50koltad start/status/stop/restart/run around a stand-in daemon, and
+#   what it ends of a crashed daemon.
 # Usage: board_files_test.sh SOURCE_DIR
 set -u
 src=${1:?usage: board_files_test.sh SOURCE_DIR}/packaging/board
@@ -79,11 +80,13 @@ check "init 6 reboots" "busybox reboot" "$(sh "$work/init" 6)"
 check "init 0 powers off" "busybox poweroff" "$(sh "$work/init" 0)"
 check "init 3 is refused" "status 1" "$(sh "$work/init" 3 2>/dev/null; echo "status $?")"
 
-# S50koltad around a stand-in daemon whose clean-up takes a moment.
-cat >"$work/koltad" <<'DAEMON'
+# S50koltad around a stand-in daemon whose clean-up takes a moment, with a
+# stand-in process manager in its process group that records its SIGTERM.
+cat >"$work/koltad" <<DAEMON
 #!/bin/sh
 trap 'echo "cleaning up"; sleep 1; echo "cleanup done"; exit 0' TERM
 echo "Listening... "
+sh -c 'trap "echo terminated >>$work/pm.log; exit 0" TERM; while :; do sleep 1; done' &
 while :; do sleep 1; done
 DAEMON
 chmod 755 "$work/koltad"
@@ -113,6 +116,39 @@ status 3" "$(initscript status)"
 initscript restart >/dev/null
 check "restart starts it" "status 0" "$(initscript status | tail -n 1)"
 initscript stop >/dev/null
+# A daemon killed without its clean-up leaves its process manager in its
+# group: start ends it (SIGTERM first) before the new daemon starts.
+initscript start >/dev/null
+pid=$(cat "$work/koltad.pid")
+kill -KILL "$pid"
+sleep 1
+check "the crashed daemon's process manager is still there" yes \
+	"$(kill -0 "-$pid" 2>/dev/null && echo yes || echo no)"
+: >"$work/pm.log"
+check "start ends what the crashed daemon left" "koltad: ending what the daemon before (pid $pid) left behind
+Starting koltad: OK
+status 0" "$(initscript start)"
+check "its process manager got SIGTERM" terminated "$(cat "$work/pm.log")"
+check "nothing of its group is left" no "$(kill -0 "-$pid" 2>/dev/null && echo yes || echo no)"
+initscript stop >/dev/null
+
+# run: the daemon in the foreground for init's respawn line, in place of the
+# script, after the same clean-up.
+setsid sh -c "KOLTAD=$work/koltad KOLTAD_PIDFILE=$work/koltad.pid KOLTAD_LOG=$work/log/koltad.log exec sh $src/S50koltad run" &
+runner=$!
+sleep 1
+check "run keeps the daemon in the script's place" "$runner" "$(cat "$work/koltad.pid")"
+kill -KILL "$runner"
+wait "$runner" 2>/dev/null
+: >"$work/pm.log"
+setsid sh -c "KOLTAD=$work/koltad KOLTAD_PIDFILE=$work/koltad.pid KOLTAD_LOG=$work/log/koltad.log exec sh $src/S50koltad run" &
+runner=$!
+sleep 3
+check "run ends what the crashed daemon left" terminated "$(cat "$work/pm.log")"
+check "the new daemon runs" "$runner" "$(cat "$work/koltad.pid")"
+initscript stop >/dev/null
+wait "$runner" 2>/dev/null
+
 check "a usage error" "status 2" "$(initscript frobnicate 2>/dev/null | tail -n 1)"
 
 echo "$failures failed"
