@@ -53,3 +53,9 @@ KOLTA_JOBS=$jobs ./tools/run-fuzz.sh "${KOLTA_FUZZ_SECONDS:-15}"
 echo "== ARM: armhf cross build run under qemu-arm"
 # Skipped, with the reason, when the cross tools or qemu cannot be installed.
 KOLTA_SANDBOX="$PWD/build-test/tests/kolta_sandbox" ./tools/run-arm.sh
+
+echo "== whole systems in qemu-system: Debian 12 with systemd, BusyBox on armhf"
+# Each prints "VM test skipped: <why>" and succeeds when qemu-system cannot be
+# installed. kolta and the package come from the plain build.
+KOLTA_VM_BUILD="$PWD/build-test" ./tools/run-vm.sh debian
+KOLTA_VM_BUILD="$PWD/build-test" ./tools/run-vm.sh busybox-armhf

@@ -15,7 +15,9 @@
 # guests run under TCG: KVM opens on these machines, but a nested guest can
 # hang right after the kernel's decompression. When qemu-system or the image
 # tools cannot be installed it prints "VM test skipped: <why>" and exits 0.
-# KOLTA_VM_PORT sets the loopback port forwarded to the guest's daemon.
+# KOLTA_VM_PORT sets the loopback port forwarded to the guest's daemon;
+# KOLTA_VM_BUILD a configured build directory to take kolta and the package
+# from (default: a Release build in build-vm/deb).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
@@ -30,14 +32,20 @@ port=${KOLTA_VM_PORT:-15500}
 vm=$PWD/build-vm
 mkdir -p "$vm"
 
-# The host's kolta and the package, from one Release build without tests.
+# The host's kolta and the package: from $KOLTA_VM_BUILD, a configured build
+# directory (run-tests.sh passes its plain build), or from a Release build
+# without tests in build-vm/deb.
 build_host_side() {
   ensure_packages cmake g++ make dpkg-dev python3 || { echo "cannot install the build tools" >&2; exit 1; }
-  echo "-- Release build and package (build-vm/deb)"
-  cmake -S . -B "$vm/deb" -DCMAKE_BUILD_TYPE=Release -DKOLTA_TESTS=OFF >/dev/null
-  cmake --build "$vm/deb" -j2 --target koltad kolta >/dev/null
-  rm -f "$vm"/deb/koltad_*.deb
-  (cd "$vm/deb" && cpack -G DEB >/dev/null)
+  build=${KOLTA_VM_BUILD:-$vm/deb}
+  echo "-- kolta and the package ($build)"
+  if [ -z "${KOLTA_VM_BUILD:-}" ]; then
+    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKOLTA_TESTS=OFF >/dev/null
+  fi
+  cmake --build "$build" -j2 --target koltad kolta >/dev/null
+  rm -rf "$vm/package"
+  cpack --config "$build/CPackConfig.cmake" -G DEB -B "$vm/package" >/dev/null
+  kolta=$build/cli/kolta
 }
 
 port_free() {
@@ -51,12 +59,12 @@ debian)
   command -v qemu-system-x86_64 >/dev/null || skip "qemu-system-x86 installed no qemu-system-x86_64"
   build_host_side
   dir=$vm/debian
-  vm/debian-image.sh "$dir" "$(ls "$vm"/deb/koltad_*_amd64.deb)"
+  vm/debian-image.sh "$dir" "$(ls "$vm"/package/koltad_*_amd64.deb)"
   port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
   serial=$dir/serial.log
   rm -f "$serial"
   echo "-- booting (TCG; serial console in $serial)"
-  exec /usr/bin/python3 vm/checks.py --system debian --kolta "$vm/deb/cli/kolta" --port "$port" \
+  exec /usr/bin/python3 vm/checks.py --system debian --kolta "$kolta" --port "$port" \
     --serial "$serial" --disk --exit-policy stays -- \
     qemu-system-x86_64 -machine q35,accel=tcg -cpu max -smp 2 -m 1024 \
     -display none -monitor none -chardev "file,id=console,path=$serial,append=on" -serial chardev:console \
@@ -86,7 +94,7 @@ busybox-armhf | busybox-arm64)
   serial=$dir/serial.log
   rm -f "$serial"
   echo "-- booting (TCG; serial console in $serial)"
-  exec /usr/bin/python3 vm/checks.py --system "$system" --kolta "$vm/deb/cli/kolta" --port "$port" \
+  exec /usr/bin/python3 vm/checks.py --system "$system" --kolta "$kolta" --port "$port" \
     --serial "$serial" --remote /tmp/kolta-vm-put.bin --exit-policy returns -- \
     "${qemu[@]}" -smp 2 -m 512 \
     -display none -monitor none -chardev "file,id=console,path=$serial,append=on" -serial chardev:console \

@@ -10,9 +10,10 @@
 # DIR/root is the root file system, kept between runs: it is made again only
 # when this recipe changes. Each run installs DEB anew and writes DIR/disk.img;
 # DIR/vmlinuz and DIR/initrd.img are the kernel and initramfs from its /boot.
-# The downloaded packages are kept in $KOLTA_VM_CACHE (default
-# /var/cache/kolta-vm), so that a fresh checkout on the same machine does not
-# download them again.
+# The downloaded packages and a copy of the fresh root file system (a tar
+# file) are kept in $KOLTA_VM_CACHE (default /var/cache/kolta-vm), so that a
+# fresh checkout on the same machine (CI's) neither downloads nor builds it
+# again.
 set -euo pipefail
 dir=$1
 deb=$2
@@ -20,6 +21,13 @@ cache=${KOLTA_VM_CACHE:-/var/cache/kolta-vm}/debian
 root=$dir/root
 stamp=$(sha256sum "$0" | cut -c1-16)
 
+if [ "$(cat "$dir/root.stamp" 2>/dev/null)" != "$stamp" ] && [ -s "$cache/root-$stamp.tar" ]; then
+  echo "-- Debian 12 root file system (kept in $cache/root-$stamp.tar)"
+  rm -rf "$root" "$dir/root.stamp"
+  mkdir -p "$root"
+  tar -xf "$cache/root-$stamp.tar" -C "$root" --numeric-owner
+  echo "$stamp" >"$dir/root.stamp"
+fi
 if [ "$(cat "$dir/root.stamp" 2>/dev/null)" != "$stamp" ]; then
   echo "-- Debian 12 root file system (mmdebstrap; packages cached in $cache)"
   rm -rf "$root" "$dir/root.stamp"
@@ -37,6 +45,10 @@ if [ "$(cat "$dir/root.stamp" 2>/dev/null)" != "$stamp" ]; then
     --customize-hook="mkdir -p \"\$1\"/etc/systemd/network && printf '$network' > \"\$1\"/etc/systemd/network/20-wired.network" \
     --customize-hook='chroot "$1" systemctl enable systemd-networkd' \
     bookworm "$root" http://deb.debian.org/debian
+  # Kept for a fresh checkout on this machine (CI), which has no build-vm/.
+  rm -f "$cache"/root-*.tar
+  tar -cf "$cache/root-$stamp.tar.part" -C "$root" --numeric-owner . &&
+    mv "$cache/root-$stamp.tar.part" "$cache/root-$stamp.tar"
   echo "$stamp" >"$dir/root.stamp"
 fi
 
