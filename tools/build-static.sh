@@ -92,7 +92,10 @@ for arch in "${archs[@]}"; do
   install -D -m 755 packaging/board/shutdown "$stage/usr/share/kolta/board/shutdown"
   install -D -m 644 packaging/board/init "$stage/usr/share/kolta/board/init"
   install -d "$stage/usr/lib/systemd/system" "$stage/usr/share/doc/kolta"
-  sed 's|@SBINDIR@|/usr/sbin|' packaging/koltad.service >"$stage/usr/lib/systemd/system/koltad.service"
+  sed 's|@SBINDIR@|/usr/sbin|; s|@LIBEXECDIR@|/usr/libexec|' packaging/koltad.service \
+    >"$stage/usr/lib/systemd/system/koltad.service"
+  # The shutdown the unit puts first on the daemon's PATH (systemd without D-Bus).
+  install -D -m 755 packaging/shutdown "$stage/usr/libexec/koltad/shutdown"
   sed "s|@VERSION@|$version|g" packaging/board/INSTALL >"$stage/usr/share/doc/kolta/INSTALL"
   tarball=dist/kolta-$version-$arch.tar.gz
   tar --sort=name --owner=0 --group=0 --numeric-owner --mtime="@$mtime" \

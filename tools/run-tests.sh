@@ -3,7 +3,8 @@
 # build (its integration tests against its own daemon and the static one), the
 # static programs in an empty root and under qemu-user, the Python client's
 # tests against the plain build, the same C++ tests under AddressSanitizer and UBSan, a
-# short run of every fuzz target, and last the armhf build run under qemu-arm.
+# short run of every fuzz target, the armhf build run under qemu-arm, and last
+# whole systems booted in qemu-system (tools/run-vm.sh).
 # The plain build's tests include the installation and Debian package check
 # (tools/check-package.sh).
 # KOLTA_FUZZ_SECONDS sets the fuzzing time per target (default 15).
@@ -54,8 +55,9 @@ echo "== ARM: armhf cross build run under qemu-arm"
 # Skipped, with the reason, when the cross tools or qemu cannot be installed.
 KOLTA_SANDBOX="$PWD/build-test/tests/kolta_sandbox" ./tools/run-arm.sh
 
-echo "== whole systems in qemu-system: Debian 12 with systemd, BusyBox on armhf"
+echo "== whole systems in qemu-system: Debian 12 with systemd, BusyBox on armhf and arm64"
 # Each prints "VM test skipped: <why>" and succeeds when qemu-system cannot be
 # installed. kolta and the package come from the plain build.
 KOLTA_VM_BUILD="$PWD/build-test" ./tools/run-vm.sh debian
 KOLTA_VM_BUILD="$PWD/build-test" ./tools/run-vm.sh busybox-armhf
+KOLTA_VM_BUILD="$PWD/build-test" ./tools/run-vm.sh busybox-arm64

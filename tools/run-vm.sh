@@ -14,7 +14,8 @@
 # downloaded packages in $KOLTA_VM_CACHE (default /var/cache/kolta-vm). The
 # guests run under TCG: KVM opens on these machines, but a nested guest can
 # hang right after the kernel's decompression. When qemu-system or the image
-# tools cannot be installed it prints "VM test skipped: <why>" and exits 0.
+# tools cannot be installed, or Debian's packages for the image cannot be
+# downloaded, it prints "VM test skipped: <why>" and exits 0.
 # KOLTA_VM_PORT sets the loopback port forwarded to the guest's daemon;
 # KOLTA_VM_BUILD a configured build directory to take kolta and the package
 # from (default: a Release build in build-vm/deb).
@@ -59,7 +60,10 @@ debian)
   command -v qemu-system-x86_64 >/dev/null || skip "qemu-system-x86 installed no qemu-system-x86_64"
   build_host_side
   dir=$vm/debian
-  vm/debian-image.sh "$dir" "$(ls "$vm"/package/koltad_*_amd64.deb)"
+  status=0
+  vm/debian-image.sh "$dir" "$(ls "$vm"/package/koltad_*_amd64.deb)" || status=$?
+  [ "$status" -ne 77 ] || skip "cannot download Debian's packages for the image"
+  [ "$status" -eq 0 ] || exit "$status"
   port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
   serial=$dir/serial.log
   rm -f "$serial"
@@ -89,7 +93,10 @@ busybox-armhf | busybox-arm64)
   tools/build-static.sh "$arch" >"$vm/build-static-$arch.log" 2>&1 ||
     { cat "$vm/build-static-$arch.log" >&2; exit 1; }
   dir=$vm/$system
-  vm/busybox-image.sh "$arch" "$dir" "$(ls dist/kolta-*-"$arch".tar.gz | tail -n1)"
+  status=0
+  vm/busybox-image.sh "$arch" "$dir" "$(ls dist/kolta-*-"$arch".tar.gz | tail -n1)" || status=$?
+  [ "$status" -ne 77 ] || skip "cannot download Debian's kernel and BusyBox for $arch"
+  [ "$status" -eq 0 ] || exit "$status"
   port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
   serial=$dir/serial.log
   rm -f "$serial"

@@ -31,11 +31,13 @@ case " $known " in
   ;;
 esac
 kernel=$(apt-cache depends "linux-image-$flavour:$arch" | sed -n "s/.*Depends: \(linux-image-[^:]*\).*/\1/p" | head -n1)
-[ -n "$kernel" ] || { echo "no linux-image-$flavour:$arch in Debian's package lists" >&2; exit 1; }
+[ -n "$kernel" ] || { echo "no linux-image-$flavour:$arch in Debian's package lists" >&2; exit 77; }
 for pkg in "$kernel" busybox-static; do
   if ! ls "$cache/${pkg}"_*.deb >/dev/null 2>&1; then
     echo "-- downloading $pkg:$arch"
     (cd "$cache" && apt-get download -q "$pkg:$arch" 2>&1 | grep -v '^W: Download is performed unsandboxed' || true)
+    # Exit status 77 when Debian's packages cannot be had: run-vm.sh then skips.
+    ls "$cache/${pkg}"_*.deb >/dev/null 2>&1 || { echo "cannot download $pkg:$arch" >&2; exit 77; }
   fi
 done
 

@@ -34,6 +34,8 @@ if [ "$(cat "$dir/root.stamp" 2>/dev/null)" != "$stamp" ]; then
   mkdir -p "$dir" "$cache"
   # The network: DHCP on the first Ethernet link (qemu's user network).
   network='[Match]\nName=en* eth*\n\n[Network]\nDHCP=ipv4\n'
+  # Exit status 77 when Debian's packages cannot be had: run-vm.sh then skips.
+  trap 'echo "mmdebstrap failed" >&2; exit 77' ERR
   mmdebstrap --variant=minbase --mode=root --quiet \
     --include=linux-image-amd64,initramfs-tools,systemd-sysv,udev \
     --skip=download/empty --skip=essential/unlink \
@@ -45,6 +47,7 @@ if [ "$(cat "$dir/root.stamp" 2>/dev/null)" != "$stamp" ]; then
     --customize-hook="mkdir -p \"\$1\"/etc/systemd/network && printf '$network' > \"\$1\"/etc/systemd/network/20-wired.network" \
     --customize-hook='chroot "$1" systemctl enable systemd-networkd' \
     bookworm "$root" http://deb.debian.org/debian
+  trap - ERR
   # Kept for a fresh checkout on this machine (CI), which has no build-vm/.
   rm -f "$cache"/root-*.tar
   tar -cf "$cache/root-$stamp.tar.part" -C "$root" --numeric-owner . &&
