@@ -100,7 +100,20 @@ TEST(KoltaCommandArgs, OptionsWordsAndUsage) {
   EXPECT_EQ(parse("get", {"x", "--help"}, &e), "");
   EXPECT_TRUE(e.help);
 
+  // --wait takes a number of seconds when one follows, else the default.
+  command_args f, g, h;
+  EXPECT_EQ(parse("reboot", {"warm", "--wait", "20"}, &f), "");
+  EXPECT_EQ(f.words, std::vector<std::string>{"warm"});
+  EXPECT_EQ(f.wait.value_or(-1), 20);
+  EXPECT_EQ(parse("reboot", {"--wait", "cold"}, &g), "");
+  EXPECT_EQ(g.words, std::vector<std::string>{"cold"});
+  EXPECT_EQ(g.wait.value_or(-1), kDefaultWaitSeconds);
+  EXPECT_EQ(parse("reboot", {"warm"}, &h), "");
+  EXPECT_FALSE(h.wait.has_value());
+
   for (auto [name, words] : std::vector<std::pair<const char*, std::vector<const char*>>>{
+           {"reboot", {"warm", "--wait", "20", "x"}}, {"wait-online", {"--timeout", "soon"}},
+           {"test", {"--wait"}}, {"wait-online", {"now"}},
            {"put", {"one"}}, {"stop", {"x1"}}, {"state", {"1", "--timeout", "3"}},
            {"reboot", {"Warm"}}, {"output", {"1", "stdin"}}, {"setup", {"exec_type"}},
            {"wait", {"1", "--timeout", "soon"}}, {"exec", {"p", "--timeout", "1.5"}},

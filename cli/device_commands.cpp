@@ -99,8 +99,14 @@ int reboot_device(device& dev, const std::string& mode, std::optional<double> wa
   std::string before;
   if (wait_s) {
     if (!dev.call("getFile", {{"file", kBootIdFile}}, &before)) return dev.status();
-    while (!before.empty() && (before.back() == '\n' || before.back() == ' ')) before.pop_back();
+    before = vesk_c_boot_id_of(before);
     dev.close();
+    if (before.empty()) {
+      dev.report(endpoint_text(dev.where()) + ": " + kBootIdFile +
+                     " is empty there: --wait cannot tell a new boot",
+                 kExitFail);
+      return dev.status();
+    }
   }
   // The device may go down before the reply leaves it: the wait tells.
   if (wait_s) dev.accept_close();

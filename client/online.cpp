@@ -67,26 +67,17 @@ vesk_c_status one_exchange(const vesk_c_endpoint& at, int timeout_ms, const char
   return s;
 }
 
-vesk_c_status read_boot_id(const vesk_c_endpoint& at, int timeout_ms, std::string* id,
-                           std::string* reason, int* err) {
+// The device's boot id, with one connection. A Fail reply (the file cannot
+// be read there) or an empty id is bad_reply.
+vesk_c_status read_boot_id(const vesk_c_endpoint& at, int timeout_ms, std::string* id, int* err) {
   const vesk_c_pair args[] = {{"file", kBootIdFile}};
   vesk_c_reply reply;
   std::string body;
   vesk_c_status s = one_exchange(at, timeout_ms, "getFile", args, 1, &reply, &body, err);
   if (s != vesk_c_status::ok) return s;
-  if (reply.kind != vesk_c_reply_kind::data) {
-    if (reason != nullptr)
-      *reason = reply.kind == vesk_c_reply_kind::fail ? reply.reason : "not a Data reply";
-    return vesk_c_status::bad_reply;
-  }
-  while (!body.empty() && (body.back() == '\n' || body.back() == '\r' || body.back() == ' '))
-    body.pop_back();
-  if (body.empty()) {
-    if (reason != nullptr) *reason = "the boot id is empty";
-    return vesk_c_status::bad_reply;
-  }
-  *id = body;
-  return vesk_c_status::ok;
+  if (reply.kind != vesk_c_reply_kind::data) return vesk_c_status::bad_reply;
+  *id = vesk_c_boot_id_of(body);
+  return id->empty() ? vesk_c_status::bad_reply : vesk_c_status::ok;
 }
 
 // Loops tries until `done` says the wait is over or the deadline passes.
@@ -121,12 +112,11 @@ std::string seconds(double s) {
 
 }  // namespace
 
-vesk_c_status vesk_c_read_boot_id(const vesk_c_endpoint& at, std::string* id,
-                                  std::string* reason) {
-  int err = 0;
-  vesk_c_status s = read_boot_id(at, at.try_timeout_ms, id, reason, &err);
-  errno = err;
-  return s;
+std::string vesk_c_boot_id_of(std::string_view file_text) {
+  while (!file_text.empty() &&
+         (file_text.back() == '\n' || file_text.back() == '\r' || file_text.back() == ' '))
+    file_text.remove_suffix(1);
+  return std::string(file_text);
 }
 
 vesk_c_wait_report vesk_c_wait_online(const vesk_c_endpoint& at, double timeout_s,
@@ -153,7 +143,7 @@ vesk_c_wait_report vesk_c_wait_reboot(const vesk_c_endpoint& at, const std::stri
       at, timeout_s, keep_waiting,
       [&at, &boot_before](vesk_c_wait_report* r, int limit_ms, double at_s) {
         std::string id;
-        vesk_c_status s = read_boot_id(at, limit_ms, &id, nullptr, &r->last_errno);
+        vesk_c_status s = read_boot_id(at, limit_ms, &id, &r->last_errno);
         if (s != vesk_c_status::ok) {
           if (r->first_down_s < 0) r->first_down_s = at_s;
           r->back_s = -1;

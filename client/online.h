@@ -9,6 +9,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "client/session.h"
 
@@ -24,10 +25,8 @@ struct vesk_c_endpoint {
 // (an interrupt). Null: never.
 using vesk_c_keep_waiting_fn = bool (*)();
 
-// The device's boot id into `id`, with one connection. ok; a Fail reply
-// (the file cannot be read there) is bad_reply with `reason` set.
-vesk_c_status vesk_c_read_boot_id(const vesk_c_endpoint& at, std::string* id,
-                                  std::string* reason = nullptr);
+// The boot id in the text of kBootIdFile, without its line end.
+std::string vesk_c_boot_id_of(std::string_view file_text);
 
 enum class vesk_c_wait_outcome {
   online,          // it answered (wait_online) or answered with a new boot id (wait_reboot)
