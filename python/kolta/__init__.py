@@ -6,13 +6,21 @@
 """
 
 from kolta.device import Device
-from kolta.errors import CommandFailed, ConnectionFailed, KoltaError, Refused, TransferFailed
+from kolta.errors import (
+    CommandFailed,
+    CommandTimeout,
+    ConnectionFailed,
+    KoltaError,
+    Refused,
+    TransferFailed,
+)
 from kolta.group import DeviceGroup
 from kolta.process import Process
 from kolta.results import ProcessState, Result
 
 __all__ = [
     "CommandFailed",
+    "CommandTimeout",
     "ConnectionFailed",
     "Device",
     "DeviceGroup",
