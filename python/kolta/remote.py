@@ -295,27 +295,35 @@ class _Run:
         return Result(stdout=stdout, stderr=stderr, returncode=status)
 
     def _collect(self, channel: Channel, ending: _Ending) -> tuple[bytes, bytes, int | None]:
-        """Fetches what is not empty, and removes every file, in one batch."""
+        """Fetches what is not empty and removes every file. Each fetch
+        waits for its Data reply in the daemon, so a second or third one
+        goes out at the same time on a connection of its own."""
         f = self.files
-        fetches = []
-        if ending.has_stdout:
-            fetches.append(f.stdout)
-        if ending.has_stderr:
-            fetches.append(f.stderr)
-        if ending.status_file:
-            fetches.append(f.status)
-        removals = [f.script, f.stdout, f.stderr] + ([f.stdin] if self.stdin is not None else [])
-        if ending.status_file:
-            removals.append(f.status)
-        channel.send([_get(name) for name in fetches] + [_remove(name) for name in removals])
+        fetches = [name for name, wanted in ((f.stdout, ending.has_stdout), (f.stderr, ending.has_stderr), (f.status, ending.status_file)) if wanted]
+        others = [name for name in (f.script, f.stdout, f.stderr) if name not in fetches]
+        if self.stdin is not None:
+            others.append(f.stdin)
+        channels = [channel] + [self.pool.take() for _ in fetches[1:]]
         got: dict[str, bytes] = {}
-        for name in fetches:
-            reply = channel.receive("getFile")
-            if reply.failed and reply.reason != "File not found.":
-                raise Refused("getFile", reply.reason)
-            got[name] = reply.data
-        for _ in removals:
-            channel.receive("remFile")
+        try:
+            for i, c in enumerate(channels):
+                mine = [_get(fetches[i]), _remove(fetches[i])] if i < len(fetches) else []
+                c.send(mine + [_remove(name) for name in (others if i == 0 else [])])
+            for i, c in enumerate(channels):
+                if i < len(fetches):
+                    reply = c.receive("getFile")
+                    if reply.failed and reply.reason != "File not found.":
+                        raise Refused("getFile", reply.reason)
+                    got[fetches[i]] = reply.data
+                    c.receive("remFile")
+                for _ in others if i == 0 else []:
+                    c.receive("remFile")
+        except BaseException:
+            for c in channels[1:]:
+                c.close()
+            raise
+        for c in channels[1:]:
+            self.pool.give_back(c)
         status = ending.status
         if ending.status_file:
             try:
