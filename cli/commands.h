@@ -1,6 +1,7 @@
 // The table of kolta's commands: their words, options, help and runners.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,6 +15,9 @@ struct command_args {
   std::optional<std::string> timeout;  // --timeout S
   std::optional<std::string> body;     // --body FILE
   bool remove = false;                 // --remove
+  bool no_input = false;               // -n: an empty standard input for the command
+  int input_fd = -1;                   // set by the caller: the command's standard input,
+  std::uint64_t input_length = 0;      //   its length (0: empty)
   bool help = false;                   // --help
   bool several_hosts = false;          // set by the caller: -H named more than one
   std::string label;                   // set by the caller: the host as named
@@ -24,6 +28,7 @@ enum option_bits : unsigned {
   kTakesRemove = 1u << 1,
   kTakesBody = 1u << 2,
   kProgramWords = 1u << 3,  // the words after the first belong to a program
+  kTakesInput = 1u << 4,    // passes standard input on; takes -n
 };
 
 struct command_spec {
@@ -47,6 +52,8 @@ std::string parse_command_args(const command_spec& spec, std::span<char* const> 
 
 // A time in seconds ("2", "0.5"); nullopt unless it is a number >= 0.
 std::optional<double> parse_seconds(std::string_view text);
+// A time limit: nullopt unless it is a number of seconds > 0.
+std::optional<double> parse_limit(std::string_view text);
 
 void print_overview(std::FILE* out);
 void print_command_help(const command_spec& spec, std::FILE* out);
