@@ -143,3 +143,56 @@ def test_pool_gives_each_holder_its_own_device_and_names_every_holder(sandboxes:
     waiter.join()
     assert late and late[0] in sandboxes.ports
     assert all(v is None for k, v in pool.holders().items() if k in entries)
+
+
+def test_kolta_lease_from_two_shells_takes_turns_and_shares_the_format(
+        free_device: Device, tmp_path) -> None:
+    from conftest import kolta_cli
+
+    where = f"{free_device.host}:{free_device.port}"
+    log = tmp_path / "log"
+    # each shell's command records its start and end; the device is one
+    record = f'echo "$$ start $(date +%s.%N) $KOLTA_HOST:$KOLTA_PORT" >>{log}; sleep 1; ' \
+             f'echo "$$ end $(date +%s.%N)" >>{log}; exit 5'
+    shells = [subprocess.Popen([str(kolta_cli()), "-H", where, "lease", "--wait", "30", "--",
+                                "sh", "-c", record]) for _ in range(2)]
+    assert [s.wait(timeout=60) for s in shells] == [5, 5]
+    lines = [line.split() for line in log.read_text().splitlines()]
+    assert [w[1] for w in lines] == ["start", "end", "start", "end"]
+    assert lines[0][0] == lines[1][0] and float(lines[2][2]) >= float(lines[1][2])
+    assert lines[0][3] == where
+
+    # a lease held by Python is seen by kolta, which waits and then gives up with 3
+    with free_device.lease(owner="python holder", ttl=20):
+        shown = subprocess.run([str(kolta_cli()), "-H", f"{where},127.0.0.1:1", "-t", "2", "leases"],
+                               capture_output=True, text=True)
+        assert shown.returncode == 3
+        assert f"{where}: python holder, held " in shown.stdout
+        assert "127.0.0.1:1: not reachable" in shown.stdout
+        busy = subprocess.run([str(kolta_cli()), "-H", where, "lease", "--wait", "0.5", "--", "true"],
+                              capture_output=True, text=True)
+        assert busy.returncode == 3
+        assert f"{where}: python holder" in busy.stderr
+    # and kolta's lease by Python, inside the command as its own (KOLTA_LEASE)
+    inside = ("import sys; from kolta import Device; "
+              f"print(Device('127.0.0.1', {free_device.port}).lease(owner='x').nested)")
+    nested = subprocess.run([str(kolta_cli()), "-H", where, "lease", "--", sys.executable, "-c", inside],
+                            capture_output=True, text=True, env={**os.environ, "PYTHONPATH": str(PYTHON_DIR)})
+    assert (nested.returncode, nested.stdout) == (0, "True\n"), nested.stderr
+    with free_device.lease(owner="to be broken", ttl=20) as lease:
+        broken = subprocess.run([str(kolta_cli()), "-H", where, "lease", "--break"],
+                                capture_output=True, text=True)
+        assert broken.stdout == f"{where}: broke the lease of to be broken\n"
+        assert show(free_device).result == "free"
+        lease.renew()  # a holder still alive takes it back while nobody else has it
+        assert show(free_device).owner == "to be broken"
+
+
+def test_kolta_sends_the_same_script() -> None:
+    from conftest import REPO_DIR
+
+    from kolta.lease import LEASE_SCRIPT
+
+    source = (REPO_DIR / "client" / "lease.cpp").read_text()
+    start = source.index('R"SH(') + len('R"SH(')
+    assert source[start:source.index(')SH"', start)] == LEASE_SCRIPT
