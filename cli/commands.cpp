@@ -206,7 +206,7 @@ constexpr command_spec kCommands[] = {
     {"exit", "exit", "end the daemon",
      "Ends koltad with its workers and process manager (until it is started again).\n", 0, 0,
      0, no_check, run_exit},
-    {"lease", "lease [--wait S] [--ttl S] [--] COMMAND [ARGS...] | lease --break",
+    {"lease", "lease [--wait S] [--ttl S] [--break] [-- COMMAND...]",
      "hold a free device while a command runs here",
      "Leases the first free device of the -H list and runs COMMAND on this host\n"
      "with KOLTA_HOST and KOLTA_PORT set to it, and KOLTA_LEASE to the lease's\n"
