@@ -285,6 +285,15 @@ class Lease:
             except KoltaError as e:  # unreachable for now (a reboot): try again
                 self.error = e
 
+    def detach(self) -> None:
+        """Stops renewing without releasing: the lease ends `ttl` seconds
+        later unless resume() picks it up again (a later process of the same
+        holder, as the Ansible plugin's tasks are)."""
+        self._stop.set()
+        if self._thread is not None:
+            self._thread.join()
+            self._thread = None
+
     def release(self) -> None:
         self._stop.set()
         if self._thread is not None:
@@ -346,6 +355,18 @@ def take(device, owner: str | None = None, ttl: float = 60.0, wait: float = 0.0)
             where = f"{device.host}:{device.port}"
             raise DeviceBusy(f"{where} is held by {holder_text(state)}", state.owner, state.left,
                              [(where, holder_text(state))])
+
+
+def resume(device, token: str, owner: str, ttl: float = 60.0) -> Lease | None:
+    """The lease `token` taken earlier, renewed (or taken again when it
+    ended and the device is free), with renewing started; None when someone
+    else holds the device now."""
+    state = lease_call(device, "renew", token, ttl, owner)
+    if state.result not in ("renewed", "took"):
+        return None
+    lease = Lease(device, token, owner, ttl)
+    lease.start_renewing()
+    return lease
 
 
 def show(device) -> LeaseState:
