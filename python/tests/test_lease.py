@@ -196,3 +196,16 @@ def test_kolta_sends_the_same_script() -> None:
     source = (REPO_DIR / "client" / "lease.cpp").read_text()
     start = source.index('R"SH(') + len('R"SH(')
     assert source[start:source.index(')SH"', start)] == LEASE_SCRIPT
+
+
+def test_kolta_lease_passes_sigterm_on_and_releases(free_device: Device) -> None:
+    from conftest import kolta_cli
+
+    where = f"{free_device.host}:{free_device.port}"
+    holder = subprocess.Popen([str(kolta_cli()), "-H", where, "lease", "--", "sh", "-c",
+                               "echo started; exec sleep 60"], stdout=subprocess.PIPE, text=True)
+    assert holder.stdout is not None and holder.stdout.readline() == "started\n"
+    assert show(free_device).result == "held"
+    holder.send_signal(signal.SIGTERM)
+    assert holder.wait(timeout=30) == 128 + signal.SIGTERM
+    assert show(free_device).result == "free"
