@@ -20,7 +20,7 @@ import pytest
 from kolta.device import DEFAULT_PORT, Device
 from kolta.device_pool import DevicePool
 from kolta.errors import KoltaError
-from kolta.lease import Lease, take
+from kolta.lease import TOKEN_ENV, Lease, take
 
 DEFAULT_POOL_WAIT = 600.0
 DEFAULT_TTL = 60.0
@@ -124,25 +124,30 @@ _KEY = pytest.StashKey[_Holder]()
 
 
 def pytest_configure(config: pytest.Config) -> None:
-    if _is_xdist_controller(config):
-        return
     holder = _Holder(config)
+    if _is_xdist_controller(config):
+        if holder.pool is not None or holder.device is None or not holder.leasing:
+            return  # each worker leases a device of the pool for itself
+        # One host for every worker: the controller leases it and hands the
+        # token to the workers, which take that lease as their own.
+        holder.start()
+        if holder.lease is not None:
+            os.environ[TOKEN_ENV] = f"{holder.lease.token} {os.environ.get(TOKEN_ENV, '')}".strip()
     config.stash[_KEY] = holder
 
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_sessionstart(session: pytest.Session) -> None:
     holder = session.config.stash.get(_KEY, None)
-    if holder is not None:
+    if holder is not None and not _is_xdist_controller(session.config):
         holder.start()
 
 
 def pytest_report_header(config: pytest.Config) -> str | None:
-    if _is_xdist_controller(config):
+    holder = config.stash.get(_KEY, None)
+    if holder is None and _is_xdist_controller(config):
         if config.getoption("kolta_pool") or os.environ.get("KOLTA_POOL"):
             return "kolta: each xdist worker leases a device of the pool"
-        return None
-    holder = config.stash.get(_KEY, None)
     return holder.header() if holder is not None else None
 
 

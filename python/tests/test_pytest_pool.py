@@ -13,7 +13,7 @@ from pathlib import Path
 import pytest
 from conftest import PYTHON_DIR, Sandboxes
 
-from kolta.lease import break_lease
+from kolta.lease import break_lease, show
 
 RECORDING_TESTS = """
 import json, os, time
@@ -108,3 +108,18 @@ def test_header_names_the_device_and_a_full_pool_errors_listing_holders(
     finally:
         for lease in leases:
             lease.release()
+
+
+def test_xdist_workers_share_the_lease_of_one_host(pool: str, sandboxes: Sandboxes, tmp_path: Path) -> None:
+    pytest.importorskip("xdist", reason="pytest-xdist is not installed (apt install python3-pytest-xdist)")
+    (tmp_path / "test_two.py").write_text(
+        "import os, pytest\n"
+        "@pytest.mark.parametrize('n', range(4))\n"
+        "def test_n(kolta_device, kolta_lease, n):\n"
+        "    assert kolta_lease.token in os.environ['KOLTA_LEASE']\n")
+    host = ["--kolta-host", "127.0.0.1", "--kolta-port", str(sandboxes.ports[0])]
+    done = _pytest(tmp_path, "-n", "2", *host, "--kolta-pool-wait", "5")
+    out = done.communicate(timeout=120)[0]
+    assert done.returncode == 0 and "4 passed" in out, out
+    assert f"kolta: device 127.0.0.1:{sandboxes.ports[0]} leased as " in out
+    assert show(sandboxes.devices()[0]).result == "free"
