@@ -2,14 +2,15 @@
 
 #include <pwd.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 
 #include "client/remote_command.h"
 #include "client/shell_quote.h"
@@ -187,10 +188,22 @@ std::string vesk_c_lease_holder_text(const vesk_c_lease_state& state) {
 }
 
 std::string vesk_c_lease_token() {
-  std::random_device source;
+  unsigned char bits[10] = {};
+  if (::getrandom(bits, sizeof bits, 0) != static_cast<ssize_t>(sizeof bits)) {
+    // No entropy source: the clock and the process, never the same twice here.
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    std::uint64_t mix = static_cast<std::uint64_t>(ts.tv_nsec) * 0x9E3779B97F4A7C15ull ^
+                        static_cast<std::uint64_t>(::getpid()) << 32 ^
+                        static_cast<std::uint64_t>(ts.tv_sec);
+    for (std::size_t i = 0; i < sizeof bits; ++i) bits[i] = static_cast<unsigned char>(mix >> (i % 8 * 8)) ^ static_cast<unsigned char>(i * 37);
+  }
   static const char kDigits[] = "0123456789abcdef";
   std::string token;
-  for (int i = 0; i < 20; ++i) token += kDigits[source() % 16];
+  for (unsigned char b : bits) {
+    token += kDigits[b >> 4];
+    token += kDigits[b & 15];
+  }
   return token;
 }
 
