@@ -160,7 +160,7 @@ def pytest_unconfigure(config: pytest.Config) -> None:
 def _holder(request: pytest.FixtureRequest) -> _Holder:
     holder = request.config.stash.get(_KEY, None)
     if holder is None or holder.device is None and holder.pool is None:
-        pytest.skip("no KOLTA device given: use --kolta-host HOST or --kolta-pool, or set KOLTA_HOST")
+        pytest.skip("no KOLTA device given: use --kolta-host HOST or set KOLTA_HOST (or a pool: --kolta-pool)")
     if holder.error:
         pytest.fail(f"no KOLTA device: {holder.error}", pytrace=False)
     return holder
