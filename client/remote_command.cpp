@@ -152,7 +152,8 @@ std::string vesk_c_command_script(const vesk_c_command_files& f, std::string_vie
                      "then echo \"$kolta_rc\" >" + f.status + "; kolta_rc=30; fi; : >" + f.marker +
                      "; exit $(((kolta_v + kolta_rc) * 2))";
   std::string text = "exec <" + (with_input ? f.input : std::string("/dev/null")) + " >" + f.out +
-                     " 2>" + f.err + "\ntrap '" + trap + "' 0\n";
+                     " 2>" + f.err + "\nexport KOLTA_COMMAND=" + f.script + "\ntrap '" + trap +
+                     "' 0\n";
   text.append(body);
   if (body.empty() || body.back() != '\n') text.push_back('\n');
   return text;
@@ -166,8 +167,9 @@ std::string vesk_c_program_text(std::span<const std::string> argv) {
 std::string vesk_c_stopper_script(const vesk_c_command_files& f) {
   return "exec >/dev/null 2>&1\n"
          "all=\" \"\n"
-         "for f in $(grep -lsaF -- '" + f.script + "' /proc/[0-9]*/cmdline); do\n"
-         "  p=${f#/proc/}; p=${p%/cmdline}\n"
+         "for f in $(grep -lsaF -- '" + f.script + "' /proc/[0-9]*/cmdline /proc/[0-9]*/environ); do\n"
+         "  p=${f#/proc/}; p=${p%%/*}\n"
+         "  case \"$all\" in *\" $p \"*) continue ;; esac\n"
          "  [ \"$p\" = \"$$\" ] || { kill -STOP \"$p\" && all=\"$all$p \"; }\n"
          "done\n"
          "[ \"$all\" = \" \" ] && exit 4\n"
