@@ -147,8 +147,9 @@ while IFS='=' read -r key value; do m[$key]=$value; done < <(./build-bench/bench
 while IFS='=' read -r key value; do m[$key]=$value; done < <(./build-bench/bench/koltad_bench "$file" "$sum")
 [ -n "${m[pss_32_total_kb]:-}" ] || die "koltad_bench did not finish"
 # Calls, against one sandboxed daemon, with the floor measured on it.
-exec {hold}< <(sleep 100000)
-coproc sandbox { ./build-bench/tests/kolta_sandbox <&"$hold"; }
+coproc sandbox { exec ./build-bench/tests/kolta_sandbox; }
+servers+=("$sandbox_PID")
+sandbox_in=${sandbox[1]}
 read -r call_port <&"${sandbox[0]}" || die "kolta_sandbox did not start"
 kolta=(./build-bench/cli/kolta -H 127.0.0.1 -p "$call_port")
 while IFS='=' read -r key value; do m[$key]=$value; done < <(
@@ -158,7 +159,7 @@ while IFS='=' read -r key value; do m[$key]=$value; done < <(
   ./build-bench/bench/calls time kolta_exec_ms "$calls" 0 'hi\n' -- "${kolta[@]}" exec /bin/echo hi
   /usr/bin/python3 bench/calls.py "$call_port" "$calls"
 )
-exec {hold}<&-
+exec {sandbox_in}>&-  # the end of its input stops the daemon
 wait "$sandbox_PID" 2>/dev/null || true
 [ -n "${m[py_8_threads_per_s]:-}" ] || die "the calls did not finish"
 
