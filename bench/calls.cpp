@@ -8,10 +8,10 @@
 //     connection to the daemon at 127.0.0.1:PORT: one "test" round trip plus
 //     one Data reply with a 3-byte body ("getFile" of a 3-byte file that this
 //     creates with "putFile" and removes afterwards)
-//   calls time NAME N STATUS STDOUT -- COMMAND...
+//   calls time NAME N STATUS STDOUT STDERR -- COMMAND...
 //     COMMAND run N times (standard input /dev/null), starting the process
-//     included; its standard output must be STDOUT ("\n" for a newline) and
-//     its exit status STATUS
+//     included; its standard output must be STDOUT and its standard error
+//     STDERR ("\n" for a newline), its exit status STATUS
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -120,42 +120,61 @@ std::string unescape(const char* text) {
   return out;
 }
 
-// Runs the command once; its standard output and exit status.
-std::pair<std::string, int> run_once(char* const argv[]) {
-  int out[2];
-  if (::pipe2(out, O_CLOEXEC) != 0) fail("pipe");
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    int null = ::open("/dev/null", O_RDONLY);
-    ::dup2(null, STDIN_FILENO);
-    ::dup2(out[1], STDOUT_FILENO);
-    ::execvp(argv[0], argv);
-    ::_exit(127);
-  }
-  ::close(out[1]);
+struct outcome {
+  std::string out, err;
+  int status;
+};
+
+std::string read_all(int fd) {
   std::string text;
   char block[4096];
-  for (ssize_t n; (n = ::read(out[0], block, sizeof block)) != 0;) {
+  for (ssize_t n; (n = ::read(fd, block, sizeof block)) != 0;) {
     if (n < 0) {
       if (errno == EINTR) continue;
       break;
     }
     text.append(block, static_cast<std::size_t>(n));
   }
+  return text;
+}
+
+// Runs the command once. Standard output comes through a pipe (read as it
+// arrives), standard error through a file of its own.
+outcome run_once(char* const argv[]) {
+  int out[2];
+  unique_fd err(::memfd_create("calls-stderr", MFD_CLOEXEC));
+  if (::pipe2(out, O_CLOEXEC) != 0 || !err.ok()) fail("pipe");
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    int null = ::open("/dev/null", O_RDONLY);
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(out[1], STDOUT_FILENO);
+    ::dup2(err.get(), STDERR_FILENO);
+    ::execvp(argv[0], argv);
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  outcome o;
+  o.out = read_all(out[0]);
   ::close(out[0]);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  return {text, WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)};
+  o.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  ::lseek(err.get(), 0, SEEK_SET);
+  o.err = read_all(err.get());
+  return o;
 }
 
-int time_figures(const char* name, int n, int status, const std::string& expected, char* const argv[]) {
+int time_figures(const char* name, int n, int status, const std::string& expected_out,
+                 const std::string& expected_err, char* const argv[]) {
   std::vector<double> ms;
   for (int i = 0; i < n + 1; ++i) {
     auto t = clock_type::now();
-    auto [out, rc] = run_once(argv);
+    outcome o = run_once(argv);
     double took = ms_since(t);
-    if (rc != status || out != expected)
-      fail(std::string(name) + ": status " + std::to_string(rc) + ", output '" + out + "'");
+    if (o.status != status || o.out != expected_out || o.err != expected_err)
+      fail(std::string(name) + ": status " + std::to_string(o.status) + ", output '" + o.out +
+           "', error output '" + o.err + "'");
     if (i > 0) ms.push_back(took);  // the first warms up
   }
   std::printf("%s=%.3f\n", name, median(ms));
@@ -167,7 +186,8 @@ int time_figures(const char* name, int n, int status, const std::string& expecte
 int main(int argc, char** argv) {
   if (argc == 4 && std::strcmp(argv[1], "floor") == 0)
     return floor_figures(std::atoi(argv[2]), std::atoi(argv[3]));
-  if (argc >= 8 && std::strcmp(argv[1], "time") == 0 && std::strcmp(argv[6], "--") == 0)
-    return time_figures(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), unescape(argv[5]), argv + 7);
-  fail("usage: calls floor PORT N | calls time NAME N STATUS STDOUT -- COMMAND...");
+  if (argc >= 9 && std::strcmp(argv[1], "time") == 0 && std::strcmp(argv[7], "--") == 0)
+    return time_figures(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), unescape(argv[5]),
+                        unescape(argv[6]), argv + 8);
+  fail("usage: calls floor PORT N | calls time NAME N STATUS STDOUT STDERR -- COMMAND...");
 }

@@ -116,9 +116,10 @@ m[ssh_cm_ms]=$(round_trips 50 ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" "$
 # The same peer for the section "calls": medians, each output checked.
 ssh_cm=(ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" "$user@127.0.0.1")
 while IFS='=' read -r key value; do m[$key]=$value; done < <(
-  ./build-bench/bench/calls time ssh_cm_true_ms "$calls" 0 '' -- "${ssh_cm[@]}" true
-  ./build-bench/bench/calls time ssh_cm_echo_ms "$calls" 0 'hi\n' -- "${ssh_cm[@]}" 'echo hi'
-  ./build-bench/bench/calls time ssh_cm_three_ms "$calls" 3 'hi\n' -- "${ssh_cm[@]}" 'echo hi; echo e >&2; exit 3'
+  ./build-bench/bench/calls time ssh_cm_true_ms "$calls" 0 '' '' -- "${ssh_cm[@]}" true
+  ./build-bench/bench/calls time ssh_cm_echo_ms "$calls" 0 'hi\n' '' -- "${ssh_cm[@]}" 'echo hi'
+  ./build-bench/bench/calls time ssh_cm_three_ms "$calls" 3 'hi\n' 'e\n' -- "${ssh_cm[@]}" \
+    'echo hi; echo e >&2; exit 3'
 )
 ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" -O exit "$user@127.0.0.1" 2>/dev/null || true
 m[dropbear_ms]=$(round_trips 20 ssh_to "$db_port" true)
@@ -154,9 +155,11 @@ read -r call_port <&"${sandbox[0]}" || die "kolta_sandbox did not start"
 kolta=(./build-bench/cli/kolta -H 127.0.0.1 -p "$call_port")
 while IFS='=' read -r key value; do m[$key]=$value; done < <(
   ./build-bench/bench/calls floor "$call_port" "$calls"
-  ./build-bench/bench/calls time kolta_true_ms "$calls" 0 '' -- "${kolta[@]}" sh true
-  ./build-bench/bench/calls time kolta_echo_ms "$calls" 0 'hi\n' -- "${kolta[@]}" sh 'echo hi'
-  ./build-bench/bench/calls time kolta_exec_ms "$calls" 0 'hi\n' -- "${kolta[@]}" exec /bin/echo hi
+  ./build-bench/bench/calls time kolta_true_ms "$calls" 0 '' '' -- "${kolta[@]}" sh true
+  ./build-bench/bench/calls time kolta_echo_ms "$calls" 0 'hi\n' '' -- "${kolta[@]}" sh 'echo hi'
+  ./build-bench/bench/calls time kolta_exec_ms "$calls" 0 'hi\n' '' -- "${kolta[@]}" exec /bin/echo hi
+  ./build-bench/bench/calls time kolta_three_ms "$calls" 3 'hi\n' 'e\n' -- "${kolta[@]}" sh \
+    'echo hi; echo e >&2; exit 3'
   /usr/bin/python3 bench/calls.py "$call_port" "$calls"
 )
 exec {sandbox_in}>&-  # the end of its input stops the daemon
@@ -203,6 +206,7 @@ for k in kolta_echo_ms:"kolta sh 'echo hi'" kolta_exec_ms:"kolta exec /bin/echo 
   r=$(div "${m[${k%%:*}]}" "$f")
   row "${k#*:}" "${m[${k%%:*}]}" ms "$r" "<= 1.3 of the floor: $(yes_no "$r <= 1.3")"
 done
+row "kolta sh 'echo hi; echo e >&2; exit 3'" "${m[kolta_three_ms]}" ms "$(div "${m[kolta_three_ms]}" "$f")" ""
 row "Python run(\"echo hi\"), 1 thread" "${m[py_1_thread_per_s]}" "/s" "1.00" ""
 r=$(div "${m[py_8_threads_per_s]}" "${m[py_1_thread_per_s]}")
 row "Python run(\"echo hi\"), 8 threads, one Device" "${m[py_8_threads_per_s]}" "/s" "$r" \
