@@ -5,6 +5,7 @@ skipped when no host is given."""
 from __future__ import annotations
 
 import os
+from collections.abc import Iterator
 
 import pytest
 
@@ -26,9 +27,10 @@ def _port(config: pytest.Config) -> int:
 
 
 @pytest.fixture
-def kolta_device(request: pytest.FixtureRequest) -> Device:
-    """The device under test."""
+def kolta_device(request: pytest.FixtureRequest) -> Iterator[Device]:
+    """The device under test; its kept connections close after the test."""
     host = request.config.getoption("kolta_host") or os.environ.get("KOLTA_HOST")
     if not host:
         pytest.skip("no KOLTA device given: use --kolta-host HOST or set KOLTA_HOST")
-    return Device(host, _port(request.config))
+    with Device(host, _port(request.config)) as device:
+        yield device
