@@ -271,12 +271,12 @@ class _Run:
         uploads = [_put(f.script, _script(f, self.body, self.stdin is not None))]
         if self.stdin is not None:
             uploads.append(_put(f.stdin, self.stdin))
-        refused = []
         for upload in uploads:  # a body ends its batch
             channel.send([upload])
             reply = channel.receive("putFile")
             if reply.failed:
-                refused.append(reply)
+                self._remove_all(channel)
+                raise Refused("putFile", reply.reason)
         limit = "-1" if self.timeout is None else str(math.ceil(self.timeout) + _BACKSTOP_S)
         channel.send(
             [Outgoing("execute", {"cmd": SHELL, "args": f.script, "timeout": limit}), _remove(f.marker)]
@@ -288,9 +288,6 @@ class _Run:
             stopped = self._stop()
             reply = channel.receive("execute", patient=True)
         by_trap = not channel.receive("remFile").failed
-        if refused:
-            self._remove_all(channel)
-            raise Refused("putFile", refused[0].reason)
         if stopped and not by_trap:
             ending = _Ending()
         else:
