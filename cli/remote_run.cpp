@@ -34,7 +34,7 @@ int run_remote(device& dev, const std::string& body, const std::string& what,
   cmd.files = vesk_c_command_files_at("/tmp/kolta-cli-" + random_name());
   vesk_c_conn* conn = dev.connection();
   if (conn == nullptr) return dev.status();
-  vesk_c_reply refused;
+  vesk_c_reply refused{};
   vesk_c_status s = vesk_c_command_start(conn, &cmd, body, options.input_fd, options.input_length,
                                          options.timeout_s.value_or(0), &refused);
   if (s != vesk_c_status::ok) {

@@ -56,7 +56,8 @@ vesk_c_status send_batch(vesk_c_conn* conn, std::initializer_list<std::pair<cons
 
 // Reads a reply and any Data body, thrown away; its kind in `kind`.
 vesk_c_status read_any(vesk_c_conn* conn, vesk_c_reply_kind* kind = nullptr) {
-  vesk_c_reply reply;
+  vesk_c_reply reply{};
+  reply.kind = vesk_c_reply_kind::fail;
   vesk_c_status s = vesk_c_read_reply(conn, &reply);
   if (s == vesk_c_status::ok) s = vesk_c_read_body(conn, reply, discard, nullptr);
   if (kind != nullptr) *kind = reply.kind;
@@ -147,7 +148,8 @@ std::string vesk_c_command_script(const vesk_c_command_files& f, std::string_vie
                      "then echo \"$kolta_rc\" >" + f.status + "; kolta_rc=30; fi; : >" + f.marker +
                      "; exit $(((kolta_v + kolta_rc) * 2))";
   std::string text = "exec <" + (with_input ? f.input : std::string("/dev/null")) + " >" + f.out +
-                     " 2>" + f.err + "\ntrap '" + trap + "' 0\n";
+                     " 2>" + f.err + "\nexport KOLTA_COMMAND=" + f.script + "\ntrap '" + trap +
+                     "' 0\n";
   text.append(body);
   if (body.empty() || body.back() != '\n') text.push_back('\n');
   return text;
@@ -161,8 +163,9 @@ std::string vesk_c_program_text(std::span<const std::string> argv) {
 std::string vesk_c_stopper_script(const vesk_c_command_files& f) {
   return "exec >/dev/null 2>&1\n"
          "all=\" \"\n"
-         "for f in $(grep -lsaF -- '" + f.script + "' /proc/[0-9]*/cmdline); do\n"
-         "  p=${f#/proc/}; p=${p%/cmdline}\n"
+         "for f in $(grep -lsaF -- '" + f.script + "' /proc/[0-9]*/cmdline /proc/[0-9]*/environ); do\n"
+         "  p=${f#/proc/}; p=${p%%/*}\n"
+         "  case \"$all\" in *\" $p \"*) continue ;; esac\n"
          "  [ \"$p\" = \"$$\" ] || { kill -STOP \"$p\" && all=\"$all$p \"; }\n"
          "done\n"
          "[ \"$all\" = \" \" ] && exit 4\n"
@@ -272,7 +275,7 @@ vesk_c_status vesk_c_command_stop(const char* host, int port, int timeout_ms,
   // Without its script, a shell not yet started finds nothing to run.
   if (s == vesk_c_status::ok) s = send_batch(&conn, {{"remFile", f.script}});
   if (s == vesk_c_status::ok) s = read_any(&conn);
-  vesk_c_reply reply;
+  vesk_c_reply reply{};
   if (s == vesk_c_status::ok) s = upload_text(&conn, f.stopper, vesk_c_stopper_script(f), &reply);
   if (s == vesk_c_status::ok && reply.kind == vesk_c_reply_kind::success) {
     const vesk_c_pair args[] = {{"cmd", kShell}, {"args", f.stopper.c_str()}, {"timeout", "60"}};
@@ -324,7 +327,7 @@ vesk_c_status vesk_c_command_finish(vesk_c_conn* conn, const char* host, int por
   std::string status_text;
   for (std::size_t i = 0; i < fetches.size() && s == vesk_c_status::ok; ++i) {
     vesk_c_conn* c = i == 0 ? conn : &extra[i - 1];
-    vesk_c_reply reply;
+    vesk_c_reply reply{};
     s = vesk_c_read_reply(c, &reply);
     if (s == vesk_c_status::ok && reply.kind == vesk_c_reply_kind::data) {
       s = fetches[i].fd >= 0 ? vesk_c_read_body_to_fd(c, reply, fetches[i].fd)

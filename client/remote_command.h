@@ -20,7 +20,9 @@
 // A time limit is kept by the caller, who waits for the reply to "execute"
 // until a deadline and then stops the command from a second connection: a
 // small script stops the command's shell, found by its script's name, and
-// every process below it, each as it is found, and then kills them all.
+// every process below it, each as it is found, and then kills them all. The
+// script exports KOLTA_COMMAND (its own name), so that what replaced the
+// shell with exec, or left it behind, is found by its environment too.
 //
 // The requests of one step go out together. A request with a data body ends
 // its batch: the daemon's body receiver may take bytes that follow a body,

@@ -149,6 +149,16 @@ TEST_F(RemoteCommandScripts, TheStopperEndsTheCommandAndWhatItStarted) {
 
   ::waitpid(spawn(files_.stopper), &status, 0);
   EXPECT_EQ(WEXITSTATUS(status), 4);  // nothing left to stop
+
+  // A shell replaced by its last command is found by the mark it left.
+  write(files_.script, vesk_c_command_script(files_, "exec sleep 302", false));
+  top = spawn(files_.script);
+  for (int i = 0; i < 250 && read("/proc/" + std::to_string(top) + "/cmdline").find("302") == std::string::npos; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ::waitpid(spawn(files_.stopper), &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 2);
+  ::waitpid(top, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
 }
 
 }  // namespace

@@ -227,6 +227,16 @@ TEST_F(KoltaCli, TimeLimitsStopTheCommandAndWhatItStarted) {
     EXPECT_EQ(scratch_left(), std::vector<std::string>{});
   }
 
+  // Without --timeout, sh waits for -t and then stops the command too.
+  run_result late = run_kolta({"-H", "127.0.0.1", "-p", std::to_string(sb_.port()), "-t", "1", "sh",
+                               "echo $$ >/tmp/top; sleep 300"});
+  EXPECT_EQ(late.status, 3) << late;
+  EXPECT_EQ(late.err, "kolta: " + where() +
+                          ": no answer to \"execute\" within 1 s; the command was stopped (raise the "
+                          "limit with -t, or give --timeout)\n");
+  EXPECT_TRUE(ended(std::atoi(read_file(sb_.path("/tmp/top")).c_str())));
+  EXPECT_EQ(scratch_left(), std::vector<std::string>{});
+
   // A command that ends in time, and limits that are refused before anything is sent.
   run_result r = kolta({"exec", "--timeout", "5", "/bin/sh", "-c", "sleep 0.2; echo done"});
   EXPECT_EQ(r.status, 0) << r;
@@ -271,8 +281,10 @@ TEST_F(KoltaCli, StandardInputReachesTheCommand) {
                     b = "127.0.0.1:" + std::to_string(second.port());
   r = run_kolta({"-H", a + "," + b, "sh", "md5sum"}, {.input_file = big_file});
   EXPECT_EQ(r.status, 0) << r;
-  EXPECT_EQ(sorted_lines(r.out), (std::vector<std::string>{a + ": " + md5_text(big, false) + "  -",
-                                                           b + ": " + md5_text(big, false) + "  -"}));
+  std::vector<std::string> expected = {a + ": " + md5_text(big, false) + "  -",
+                                       b + ": " + md5_text(big, false) + "  -"};
+  std::ranges::sort(expected);
+  EXPECT_EQ(sorted_lines(r.out), expected);
   EXPECT_EQ(scratch_left(), std::vector<std::string>{});
 }
 

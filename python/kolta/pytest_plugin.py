@@ -109,6 +109,8 @@ class _Holder:
                 lease.release()
             except KoltaError:
                 pass  # it ends after its ttl
+        if self.device is not None:
+            self.device.close()  # its kept connections
 
     def header(self) -> str | None:
         if self.error:
@@ -175,7 +177,7 @@ def kolta_lease(request: pytest.FixtureRequest) -> Lease | None:
 
 @pytest.fixture
 def kolta_device(request: pytest.FixtureRequest) -> Device:
-    """The device under test."""
+    """The device under test, the same for the whole session."""
     device = _holder(request).device
     assert device is not None
     return device

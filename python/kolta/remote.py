@@ -144,7 +144,11 @@ def _script(files: _Files, body: bytes, with_input: bool) -> bytes:
         f'echo "$kolta_rc" >{files.status}; kolta_rc={_STATUS_IN_FILE}; fi; '
         f": >{files.marker}; exit $(((kolta_v + kolta_rc) * 2))"
     )
-    head = f"exec <{source} >{files.stdout} 2>{files.stderr}\ntrap '{trap}' 0\n".encode()
+    head = (
+        f"exec <{source} >{files.stdout} 2>{files.stderr}\n"
+        f"export KOLTA_COMMAND={files.script}\n"  # marks what it starts, for a stop
+        f"trap '{trap}' 0\n"
+    ).encode()
     if not body.endswith(b"\n"):
         body += b"\n"
     return head + body
@@ -152,12 +156,15 @@ def _script(files: _Files, body: bytes, with_input: bool) -> bytes:
 
 def _stopper(files: _Files) -> bytes:
     """Stops the command's shell (found by its script's name in its command
-    line) and every process below it: each is stopped as it is found, the
-    search repeats until it finds no new one, then all are killed."""
+    line), whatever carries the script's mark in its environment (what
+    replaced the shell with exec, what left it) and every process below
+    them: each is stopped as it is found, the search repeats until it finds
+    no new one, then all are killed."""
     return f"""exec >/dev/null 2>&1
 all=" "
-for f in $(grep -lsaF -- '{files.script}' /proc/[0-9]*/cmdline); do
-  p=${{f#/proc/}}; p=${{p%/cmdline}}
+for f in $(grep -lsaF -- '{files.script}' /proc/[0-9]*/cmdline /proc/[0-9]*/environ); do
+  p=${{f#/proc/}}; p=${{p%%/*}}
+  case "$all" in *" $p "*) continue ;; esac
   [ "$p" = "$$" ] || {{ kill -STOP "$p" && all="$all$p "; }}
 done
 [ "$all" = " " ] && exit 4
@@ -264,12 +271,12 @@ class _Run:
         uploads = [_put(f.script, _script(f, self.body, self.stdin is not None))]
         if self.stdin is not None:
             uploads.append(_put(f.stdin, self.stdin))
-        refused = []
         for upload in uploads:  # a body ends its batch
             channel.send([upload])
             reply = channel.receive("putFile")
             if reply.failed:
-                refused.append(reply)
+                self._remove_all(channel)
+                raise Refused("putFile", reply.reason)
         limit = "-1" if self.timeout is None else str(math.ceil(self.timeout) + _BACKSTOP_S)
         channel.send(
             [Outgoing("execute", {"cmd": SHELL, "args": f.script, "timeout": limit}), _remove(f.marker)]
@@ -281,9 +288,6 @@ class _Run:
             stopped = self._stop()
             reply = channel.receive("execute", patient=True)
         by_trap = not channel.receive("remFile").failed
-        if refused:
-            self._remove_all(channel)
-            raise Refused("putFile", refused[0].reason)
         if stopped and not by_trap:
             ending = _Ending()
         else:

@@ -6,6 +6,7 @@ from __future__ import annotations
 import ast
 import hashlib
 import os
+import signal
 import socket
 import time
 from pathlib import Path
@@ -64,6 +65,24 @@ def test_execute_time_limit_raises_with_the_partial_output(device: Device) -> No
     assert hit.value.result == Result(b"started\n", b"", None)
     assert hit.value.timeout == 0.5
     assert device.execute("/bin/sh", ["-c", "sleep 0.2; echo in time"], timeout=5).stdout == b"in time\n"
+    assert scratch_left(device) == []
+
+
+def test_ctrl_c_stops_the_command_and_tidies_up(device: Device) -> None:
+    def interrupt(signum: int, frame: object) -> None:
+        raise KeyboardInterrupt
+
+    before = signal.signal(signal.SIGALRM, interrupt)
+    signal.setitimer(signal.ITIMER_REAL, 1.0)
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            device.run("echo $$ >/tmp/t-top; exec sleep 300")
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, before)
+    pid = int(device.get("/tmp/t-top"))
+    assert gone(pid)
+    device.remove("/tmp/t-top")
     assert scratch_left(device) == []
 
 
