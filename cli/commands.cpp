@@ -1,11 +1,14 @@
 #include "cli/commands.h"
 
+#include <fcntl.h>
+
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 
 #include "cli/device_commands.h"
 #include "cli/exit_status.h"
+#include "cli/lease_commands.h"
 #include "cli/process_commands.h"
 #include "cli/remote_run.h"
 #include "cli/transfer.h"
@@ -37,11 +40,37 @@ std::string check_output(const command_args& a) {
   return check_pid(a);
 }
 
-std::string check_exec(const command_args& a) {
-  if (a.timeout && !is_number(*a.timeout))
-    return "--timeout needs whole seconds (-1: no limit), not '" + *a.timeout + "'";
+std::string check_run(const command_args& a) {
+  if (a.timeout && !parse_limit(*a.timeout))
+    return "--timeout needs a number of seconds above 0, not '" + *a.timeout + "'";
   return {};
 }
+
+std::string check_lease(const command_args& a) {
+  if (a.wait && !parse_seconds(*a.wait))
+    return "--wait needs a number of seconds, not '" + *a.wait + "'";
+  if (a.ttl && !parse_limit(*a.ttl))
+    return "--ttl needs a number of seconds above 0, not '" + *a.ttl + "'";
+  if (a.break_lease && !a.words.empty()) return "lease --break takes no command";
+  if (!a.break_lease && a.words.empty()) return "usage: kolta [options] lease [--wait S] [--ttl S] [--] COMMAND [ARGS...]";
+  return {};
+}
+
+// The command's own standard input: a private opening of kolta's copy, so
+// that the processes of several hosts each read it from the start.
+run_options run_options_of(const command_args& a, std::optional<double> timeout) {
+  run_options o;
+  o.timeout_s = timeout;
+  if (a.input_fd >= 0 && a.input_length > 0 && !a.no_input) {
+    o.input_fd = ::open(("/proc/self/fd/" + std::to_string(a.input_fd)).c_str(), O_RDONLY | O_CLOEXEC);
+    if (o.input_fd < 0) o.input_fd = a.input_fd;
+    o.input_length = a.input_length;
+  }
+  return o;
+}
+
+// exec's time limit when none is given.
+constexpr double kDefaultExecLimit = 180;
 
 std::string check_pairs(const command_args& a, std::size_t from) {
   for (std::size_t i = from; i < a.words.size(); ++i)
@@ -70,12 +99,11 @@ int run_version(device& d, const command_args&) { return show_version(d); }
 int run_sh(device& d, const command_args& a) {
   std::string command;
   for (const std::string& w : a.words) command += (command.empty() ? "" : " ") + w;
-  return run_shell(d, command);
+  return run_shell(d, command, run_options_of(a, a.timeout ? parse_limit(*a.timeout) : std::nullopt));
 }
 int run_exec(device& d, const command_args& a) {
-  std::optional<int> timeout;
-  if (a.timeout) timeout = std::atoi(a.timeout->c_str());
-  return run_program(d, a.words, timeout);
+  return run_program(d, a.words,
+                     run_options_of(a, a.timeout ? parse_limit(*a.timeout) : kDefaultExecLimit));
 }
 int run_put(device& d, const command_args& a) { return put_file(d, a.words[0], a.words[1]); }
 int run_get(device& d, const command_args& a) {
@@ -99,7 +127,7 @@ int run_wait(device& d, const command_args& a) {
 }
 int run_setup(device& d, const command_args& a) { return change_settings(d, a.words); }
 int run_reset(device& d, const command_args&) { return reset_settings(d); }
-int run_reboot(device& d, const command_args& a) { return reboot_device(d, a.words[0], a.wait); }
+int run_reboot(device& d, const command_args& a) { return reboot_device(d, a.words[0], a.reboot_wait); }
 int run_wait_online(device& d, const command_args& a) {
   return wait_online(d, a.timeout ? parse_seconds(*a.timeout).value_or(0) : kDefaultWaitSeconds);
 }
@@ -120,19 +148,24 @@ constexpr command_spec kCommands[] = {
     {"version", "version", "print the device's version information",
      "Prints the daemon's version text (DEVICE=, VERSION_SW=, OS_VERSION=, ...).\n", 0, 0, 0,
      no_check, run_version},
-    {"sh", "sh 'COMMAND'", "run a command line with the device's shell",
+    {"sh", "sh [-n] 'COMMAND' [--timeout S]", "run a command line with the device's shell",
      "Runs COMMAND with the device's shell and prints its whole standard output,\n"
      "then its standard error on standard error. Exits with the command's own\n"
      "exit status (128+N when signal N ended it). Commands of any length work;\n"
-     "several words are joined by blanks. The reply is awaited for -t seconds:\n"
-     "raise -t for long commands.\n",
-     1, -1, kProgramWords, no_check, run_sh},
-    {"exec", "exec PROGRAM [ARGS...] [--timeout S]", "run a program with a time limit",
+     "several words are joined by blanks.\n"
+     "--timeout S stops the command, with every process it started, after S\n"
+     "seconds: what it wrote until then is printed and kolta exits 124. Without\n"
+     "it the reply is awaited for -t seconds.\n"
+     "Standard input, when it is not a terminal, is read to its end and becomes\n"
+     "the command's (every host gets the same); -n gives it an empty one.\n",
+     1, -1, kTakesTimeout | kProgramWords | kTakesInput, check_run, run_sh},
+    {"exec", "exec [-n] PROGRAM [ARGS...] [--timeout S]", "run a program with a time limit",
      "Runs PROGRAM (looked up in the device's PATH) with ARGS passed exactly,\n"
      "prints its standard output and error, and exits with its exit status\n"
-     "(128+N for signal N). The daemon stops it after S seconds (default 180,\n"
-     "-1: no limit); it then ends with 143 (SIGTERM) or 137 (SIGKILL).\n",
-     1, -1, kTakesTimeout | kProgramWords, check_exec, run_exec},
+     "(128+N for signal N). After S seconds (default 180) it is stopped with\n"
+     "every process it started: what it wrote until then is printed and kolta\n"
+     "exits 124. Standard input as for sh; -n gives it an empty one.\n",
+     1, -1, kTakesTimeout | kProgramWords | kTakesInput, check_run, run_exec},
     {"put", "put LOCAL REMOTE", "upload a file and check the copy",
      "Sends LOCAL to REMOTE with its MD5 signature, then checks the device's copy\n"
      "(with the device's md5sum where it has one, else by reading it back).\n"
@@ -183,13 +216,30 @@ constexpr command_spec kCommands[] = {
      "It exits 3 when that takes longer than S seconds (default 300), saying what\n"
      "was seen: a device that never went down, or came back with the same boot\n"
      "id, has not rebooted.\n",
-     1, 1, kTakesWait, check_reboot, run_reboot},
+     1, 1, kTakesRebootWait, check_reboot, run_reboot},
     {"shutdown", "shutdown", "halt the device",
      "Halts the device; prints the daemon's answer (SH_TIME=15).\n", 0, 0, 0, no_check,
      run_shutdown},
     {"exit", "exit", "end the daemon",
      "Ends koltad with its workers and process manager (until it is started again).\n", 0, 0,
      0, no_check, run_exit},
+    {"lease", "lease [--wait S] [--ttl S] [--break] [-- COMMAND...]",
+     "hold a free device while a command runs here",
+     "Leases the first free device of the -H list and runs COMMAND on this host\n"
+     "with KOLTA_HOST and KOLTA_PORT set to it, and KOLTA_LEASE to the lease's\n"
+     "token (a client that would wait for that lease takes it as its own). The\n"
+     "lease is renewed while COMMAND runs and released when it ends (on Ctrl-C\n"
+     "and SIGTERM too, which is passed on to it); a holder that dies loses it\n"
+     "after --ttl S seconds (default 60). Exits with COMMAND's status, or 3 when\n"
+     "no device was free within --wait S seconds (default 600), listing the\n"
+     "holders. --break removes the lease of each device named, whoever holds\n"
+     "it, and prints whose it was. The lease lives on the device in\n"
+     "/etc/kolta/lease (or /tmp/kolta-lease), shared with the Python client.\n",
+     0, -1, kProgramWords | kTakesLease, check_lease, nullptr, run_lease},
+    {"leases", "leases", "show who holds each device",
+     "Prints one line per device of the -H list: free, or its holder with the\n"
+     "lease's age and the time it has left. Exits 3 when one was not reachable.\n",
+     0, 0, 0, no_check, nullptr, run_leases},
     {"raw", "raw COMMAND [NAME=VALUE...] [--body FILE]", "send any request, print the reply",
      "Sends the request COMMAND with the given arguments (and FILE as its data\n"
      "body, with content-length added) and prints the reply as it came: its\n"
@@ -216,6 +266,12 @@ std::optional<double> parse_seconds(std::string_view text) {
   return value;
 }
 
+std::optional<double> parse_limit(std::string_view text) {
+  std::optional<double> value = parse_seconds(text);
+  if (!value || *value <= 0) return std::nullopt;
+  return value;
+}
+
 std::string parse_command_args(const command_spec& spec, std::span<char* const> words,
                                command_args* args) {
   bool options_end = false;
@@ -228,14 +284,21 @@ std::string parse_command_args(const command_spec& spec, std::span<char* const> 
         options_end = true;
       } else if (w == "--help" || w == "-h") {
         args->help = true;
-      } else if (w == "--wait" && (spec.options & kTakesWait)) {
+      } else if (w == "--wait" && (spec.options & kTakesRebootWait)) {
         // The number of seconds is optional: a word that is not one stays a word.
         std::optional<double> seconds;
         if (i + 1 < words.size()) seconds = parse_seconds(words[i + 1]);
         if (seconds) ++i;
-        args->wait = seconds.value_or(kDefaultWaitSeconds);
+        args->reboot_wait = seconds.value_or(kDefaultWaitSeconds);
+      } else if (w == "-n" && (spec.options & kTakesInput)) {
+        args->no_input = true;
       } else if (w == "--remove" && (spec.options & kTakesRemove)) {
         args->remove = true;
+      } else if (w == "--break" && (spec.options & kTakesLease)) {
+        args->break_lease = true;
+      } else if ((w == "--wait" || w == "--ttl") && (spec.options & kTakesLease)) {
+        if (i + 1 == words.size()) return std::string(w) + " needs a value";
+        (w == "--wait" ? args->wait : args->ttl) = words[++i];
       } else if ((w == "--timeout" && (spec.options & kTakesTimeout)) ||
                  (w == "--body" && (spec.options & kTakesBody))) {
         if (i + 1 == words.size()) return std::string(w) + " needs a value";
@@ -276,6 +339,8 @@ void print_overview(std::FILE* out) {
       "  -p port            the daemon's port (default: $KOLTA_PORT, else 10000)\n"
       "  -t seconds         time limit for connecting and for each reply (default 30,\n"
       "                     0: none); a transfer waits as long as its data moves\n"
+      "  -n                 sh and exec: an empty standard input for the command\n"
+      "                     (else kolta's own, read to its end, when not a terminal)\n"
       "  -h, --help         this text; kolta COMMAND --help tells about one command\n"
       "  -V, --version      the tool's version\n"
       "\n"
@@ -292,7 +357,8 @@ void print_overview(std::FILE* out) {
       "  2  usage error\n"
       "  3  cannot connect, time-out, or the connection broke\n"
       "  4  a transfer's check failed: the device's copy differs\n"
-      "  sh and exec exit with the remote command's status (128+N for signal N).\n"
+      "  sh and exec exit with the remote command's status (128+N for signal N),\n"
+      "  124 when its --timeout stopped it.\n"
       "  With several hosts, the largest of their statuses.\n",
       out);
 }

@@ -1,20 +1,28 @@
 // The table of kolta's commands: their words, options, help and runners.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "cli/device.h"
+#include "cli/target.h"
 
 // A command's words after its name, with its own options taken out.
 struct command_args {
   std::vector<std::string> words;
   std::optional<std::string> timeout;  // --timeout S
   std::optional<std::string> body;     // --body FILE
-  std::optional<double> wait;          // --wait [S]
+  std::optional<double> reboot_wait;   // reboot --wait [S]
   bool remove = false;                 // --remove
+  bool no_input = false;               // -n: an empty standard input for the command
+  int input_fd = -1;                   // set by the caller: the command's standard input,
+  std::uint64_t input_length = 0;      //   its length (0: empty)
+  std::optional<std::string> wait;     // lease --wait S
+  std::optional<std::string> ttl;      // lease --ttl S
+  bool break_lease = false;            // lease --break
   bool help = false;                   // --help
   bool several_hosts = false;          // set by the caller: -H named more than one
   std::string label;                   // set by the caller: the host as named
@@ -25,7 +33,9 @@ enum option_bits : unsigned {
   kTakesRemove = 1u << 1,
   kTakesBody = 1u << 2,
   kProgramWords = 1u << 3,  // the words after the first belong to a program
-  kTakesWait = 1u << 4,     // --wait, with a number of seconds or without
+  kTakesInput = 1u << 4,    // passes standard input on; takes -n
+  kTakesLease = 1u << 5,    // --wait S, --ttl S, --break
+  kTakesRebootWait = 1u << 6,  // --wait, with a number of seconds or without
 };
 
 struct command_spec {
@@ -38,6 +48,9 @@ struct command_spec {
   // A usage problem with the words, or empty.
   std::string (*check)(const command_args& args);
   int (*run)(device& dev, const command_args& args);
+  // Instead of `run`: one call for the whole host list (lease, leases).
+  int (*run_all)(const std::vector<target>& targets, int timeout_ms,
+                 const command_args& args) = nullptr;
 };
 
 std::span<const command_spec> command_table();
@@ -52,6 +65,8 @@ inline constexpr double kDefaultWaitSeconds = 300;
 
 // A time in seconds ("2", "0.5"); nullopt unless it is a number >= 0.
 std::optional<double> parse_seconds(std::string_view text);
+// A time limit: nullopt unless it is a number of seconds > 0.
+std::optional<double> parse_limit(std::string_view text);
 
 void print_overview(std::FILE* out);
 void print_command_help(const command_spec& spec, std::FILE* out);

@@ -135,6 +135,12 @@ bool device::failed_io(const char* command, vesk_c_status s) {
   return false;
 }
 
+vesk_c_conn* device::connection() {
+  if (stopped() || !open()) return nullptr;
+  conn_.timeout_ms = timeout_ms_ > 0 ? timeout_ms_ : kNoLimitMs;
+  return &conn_;
+}
+
 bool device::exchange(const char* command, const vesk_c_pair* args, std::size_t count,
                       vesk_c_reply* reply, int reply_timeout_ms) {
   if (stopped()) return false;

@@ -57,6 +57,13 @@ class device {
   bool call(const char* command, std::initializer_list<vesk_c_pair> args,
             std::string* body = nullptr, int reply_timeout_ms = 0);
 
+  // The open connection (opened first), for the client library's calls;
+  // nullptr after an interrupt or a failed connect (reported).
+  vesk_c_conn* connection();
+  // Reports a failed call of the client library on connection(), closes the
+  // connection, and returns false.
+  bool io_failed(const char* command, vesk_c_status status) { return failed_io(command, status); }
+
   // Reports a Fail reply of `command`: exit status 1.
   void report_fail(const char* command, const vesk_c_reply& reply);
   // Reports any other problem with this device; `status` is the exit status.

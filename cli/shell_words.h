@@ -6,11 +6,8 @@
 #include <string>
 #include <string_view>
 
-// `word` in single quotes, each of its own quotes written as '\''.
-std::string shell_quote(std::string_view word);
+#include "client/shell_quote.h"
 
-// The words quoted and joined by blanks: one shell command line.
-std::string shell_command(std::span<const std::string> words);
 
 // The "args" text that the daemon's process starter splits into exactly
 // `words`: it splits at blanks outside double quotes and keeps the quotes,

@@ -36,6 +36,7 @@ std::ostream& operator<<(std::ostream& os, const run_result& r) {
 struct run_options {
   std::vector<std::string> env;  // NAME=VALUE added to the environment
   long file_size_limit = -1;     // RLIMIT_FSIZE for kolta, with SIGXFSZ ignored
+  std::string input_file = "/dev/null";  // kolta's standard input
 };
 
 // Runs kolta with `args` (standard input: /dev/null) and collects both of
@@ -60,8 +61,8 @@ run_result run_kolta(const std::vector<std::string>& args, const run_options& op
   if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return r;
   const pid_t pid = ::fork();
   if (pid == 0) {
-    int null = ::open("/dev/null", O_RDONLY);
-    ::dup2(null, STDIN_FILENO);
+    int in = ::open(options.input_file.c_str(), O_RDONLY);
+    ::dup2(in, STDIN_FILENO);
     ::dup2(out[1], STDOUT_FILENO);
     ::dup2(err[1], STDERR_FILENO);
     if (options.file_size_limit >= 0) {
@@ -189,11 +190,104 @@ TEST_F(KoltaCli, ExitStatusesAndMessages) {
   EXPECT_EQ(r.status, 3) << r;
   EXPECT_EQ(r.out, "out\n");
   EXPECT_EQ(r.err, "oops\n");
-  r = kolta({"exec", "--timeout", "1", "/bin/sleep", "30"});
-  EXPECT_EQ(r.status, 143) << r;
-  EXPECT_EQ(r.err, "kolta: " + where() +
-                       ": /bin/sleep was still running after 1 s and was stopped (raise it with "
-                       "--timeout)\n");
+  EXPECT_EQ(scratch_left(), std::vector<std::string>{});
+}
+
+// The process ids that a command wrote into the device's /tmp/NAME, and
+// whether each has ended (a zombie counts as ended).
+bool ended(pid_t pid) {
+  for (int i = 0; i < 250; ++i) {
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    auto close = stat.rfind(')');
+    if (stat.empty() || (close != std::string::npos && close + 2 < stat.size() &&
+                         (stat[close + 2] == 'Z' || stat[close + 2] == 'X')))
+      return true;
+    ::usleep(20000);
+  }
+  return false;
+}
+
+TEST_F(KoltaCli, TimeLimitsStopTheCommandAndWhatItStarted) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"sh", "echo started; echo warn >&2; echo $$ >/tmp/top; sleep 300 & echo $! >/tmp/child; wait",
+        "--timeout", "1"},
+       "the command"},
+      {{"exec", "--timeout", "0.5", "/bin/sh", "-c",
+        "echo started; echo warn >&2; echo $$ >/tmp/top; sleep 300 & echo $! >/tmp/child; wait"},
+       "/bin/sh"},
+  };
+  for (const auto& [args, what] : cases) {
+    run_result r = kolta(args);
+    EXPECT_EQ(r.status, 124) << r;
+    EXPECT_EQ(r.out, "started\n");
+    EXPECT_EQ(r.err, "warn\nkolta: " + where() + ": " + what + " was still running after " +
+                         args[args[1] == "--timeout" ? 2 : 3] + " s and was stopped (raise it with --timeout)\n");
+    for (const char* name : {"/tmp/top", "/tmp/child"}) {
+      pid_t pid = std::atoi(read_file(sb_.path(name)).c_str());
+      ASSERT_GT(pid, 0) << name;
+      EXPECT_TRUE(ended(pid)) << name << " " << pid << " still runs";
+    }
+    EXPECT_EQ(scratch_left(), std::vector<std::string>{});
+  }
+
+  // Without --timeout, sh waits for -t and then stops the command too.
+  run_result late = run_kolta({"-H", "127.0.0.1", "-p", std::to_string(sb_.port()), "-t", "1", "sh",
+                               "echo $$ >/tmp/top; sleep 300"});
+  EXPECT_EQ(late.status, 3) << late;
+  EXPECT_EQ(late.err, "kolta: " + where() +
+                          ": no answer to \"execute\" within 1 s; the command was stopped (raise the "
+                          "limit with -t, or give --timeout)\n");
+  EXPECT_TRUE(ended(std::atoi(read_file(sb_.path("/tmp/top")).c_str())));
+  EXPECT_EQ(scratch_left(), std::vector<std::string>{});
+
+  // A command that ends in time, and limits that are refused before anything is sent.
+  run_result r = kolta({"exec", "--timeout", "5", "/bin/sh", "-c", "sleep 0.2; echo done"});
+  EXPECT_EQ(r.status, 0) << r;
+  EXPECT_EQ(r.out, "done\n");
+  for (const char* bad : {"0", "-1", "soon"}) {
+    r = kolta({"sh", "true", "--timeout", bad});
+    EXPECT_EQ(r.status, 2) << r;
+    EXPECT_EQ(r.err, "kolta: --timeout needs a number of seconds above 0, not '" + std::string(bad) +
+                         "' (kolta --help tells more)\n");
+  }
+}
+
+TEST_F(KoltaCli, StandardInputReachesTheCommand) {
+  std::string every_byte;
+  for (int i = 0; i < 1024; ++i) every_byte.push_back(static_cast<char>(i & 0xff));
+  const std::string bytes_file = local_ + "/bytes", big_file = local_ + "/big", empty = local_ + "/empty";
+  std::ofstream(bytes_file, std::ios::binary) << every_byte;
+  const std::string big = random_bytes(std::size_t{8} << 20, 5);
+  std::ofstream(big_file, std::ios::binary) << big;
+  std::ofstream(empty).close();
+
+  run_result r = kolta({"sh", "cat"}, {.input_file = bytes_file});
+  EXPECT_EQ(r.status, 0) << r;
+  EXPECT_TRUE(r.out == every_byte) << "binary input came back different";
+  r = kolta({"exec", "/bin/cat"}, {.input_file = bytes_file});
+  EXPECT_TRUE(r.out == every_byte) << r;
+  r = kolta({"sh", "md5sum"}, {.input_file = big_file});
+  EXPECT_EQ(r.out.substr(0, 32), md5_text(big, false)) << r;
+  for (const std::string& source : {empty, std::string("/dev/null")}) {
+    r = kolta({"sh", "wc -c"}, {.input_file = source});
+    EXPECT_EQ(r.out, "0\n") << r;
+  }
+  r = kolta({"sh", "-n", "wc -c"}, {.input_file = bytes_file});
+  EXPECT_EQ(r.out, "0\n") << r;
+  r = run_kolta({"-n", "-H", "127.0.0.1", "-p", std::to_string(sb_.port()), "exec", "wc", "-c"},
+                {.input_file = bytes_file});
+  EXPECT_EQ(r.out, "0\n") << r;
+
+  Sandbox second;
+  ASSERT_TRUE(second.start()) << second.error();
+  const std::string a = "127.0.0.1:" + std::to_string(sb_.port()),
+                    b = "127.0.0.1:" + std::to_string(second.port());
+  r = run_kolta({"-H", a + "," + b, "sh", "md5sum"}, {.input_file = big_file});
+  EXPECT_EQ(r.status, 0) << r;
+  std::vector<std::string> expected = {a + ": " + md5_text(big, false) + "  -",
+                                       b + ": " + md5_text(big, false) + "  -"};
+  std::ranges::sort(expected);
+  EXPECT_EQ(sorted_lines(r.out), expected);
   EXPECT_EQ(scratch_left(), std::vector<std::string>{});
 }
 
@@ -381,7 +475,7 @@ TEST_F(KoltaCli, DeviceCommandsAndEnvironment) {
   EXPECT_TRUE(r.out.starts_with("usage: kolta [-H host[,host...]]")) << r;
   r = run_kolta({"sh", "--help"});
   EXPECT_EQ(r.status, 0) << r;
-  EXPECT_TRUE(r.out.starts_with("usage: kolta [options] sh 'COMMAND'\n\n")) << r;
+  EXPECT_TRUE(r.out.starts_with("usage: kolta [options] sh [-n] 'COMMAND' [--timeout S]\n\n")) << r;
 
   r = kolta({"test"});
   EXPECT_EQ(r.status, 0) << r;

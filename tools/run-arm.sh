@@ -127,7 +127,7 @@ PY
 # run_kolta ARGS...: runs it, leaving its output in $out and its status in $rc.
 run_kolta() {
   rc=0
-  out=$("${qemu[@]}" "$cli" -H 127.0.0.1 -p "$port" -t 60 "$@" 2>&1) || rc=$?
+  out=$("${qemu[@]}" "$cli" -H 127.0.0.1 -p "$port" -t 60 "$@" 2>&1 </dev/null) || rc=$?
 }
 run_kolta test
 [ "$rc" -eq 0 ] && [ -z "$out" ] || fail "kolta test: status $rc: $out"

@@ -8,16 +8,23 @@
 # temporary directory under /dev/shm and is removed at the end.
 #
 # KOLTA_BENCH_MIB sets the transfer size (default 256).
+#
+# The section "calls" times single calls of the clients (Python, kolta) and
+# of OpenSSH over a kept ControlMaster connection, each a median of
+# KOLTA_BENCH_CALLS calls (default 60), beside the protocol's floor measured
+# on the same daemon in the same run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
 ensure_packages cmake g++ make libgtest-dev libgmock-dev openssh-server openssh-client \
-  dropbear-bin util-linux binutils
+  dropbear-bin util-linux binutils python3
 
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build-bench -j"$(nproc)" --target koltad koltad_bench floors >/dev/null
+cmake --build build-bench -j"$(nproc)" --target koltad kolta kolta_sandbox koltad_bench floors calls \
+  >/dev/null
 
 mib=${KOLTA_BENCH_MIB:-256}
+calls=${KOLTA_BENCH_CALLS:-60}
 work=$(mktemp -d /dev/shm/kolta-bench.XXXXXX)
 servers=()
 cleanup() {
@@ -106,6 +113,14 @@ m[ssh_ms]=$(round_trips 20 ssh_to "$sshd_port" true)
 cm=(-o ControlPath="$work/cm" -o ControlMaster=auto -o ControlPersist=60)
 ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" "$user@127.0.0.1" true
 m[ssh_cm_ms]=$(round_trips 50 ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" "$user@127.0.0.1" true)
+# The same peer for the section "calls": medians, each output checked.
+ssh_cm=(ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" "$user@127.0.0.1")
+while IFS='=' read -r key value; do m[$key]=$value; done < <(
+  ./build-bench/bench/calls time ssh_cm_true_ms "$calls" 0 '' '' -- "${ssh_cm[@]}" true
+  ./build-bench/bench/calls time ssh_cm_echo_ms "$calls" 0 'hi\n' '' -- "${ssh_cm[@]}" 'echo hi'
+  ./build-bench/bench/calls time ssh_cm_three_ms "$calls" 3 'hi\n' 'e\n' -- "${ssh_cm[@]}" \
+    'echo hi; echo e >&2; exit 3'
+)
 ssh "${ssh_opts[@]}" "${cm[@]}" -p "$sshd_port" -O exit "$user@127.0.0.1" 2>/dev/null || true
 m[dropbear_ms]=$(round_trips 20 ssh_to "$db_port" true)
 
@@ -142,6 +157,26 @@ for build in glibc static; do
   [ -n "${m[${build}_test_8_per_s]:-}" ] || die "koltad_bench --footprint ($build) did not finish"
 done
 m[static_size_bytes]=$(stat -c %s dist/x86_64/koltad)
+
+# Calls, against one sandboxed daemon, with the floor measured on it.
+coproc sandbox { exec ./build-bench/tests/kolta_sandbox; }
+servers+=("$sandbox_PID")
+sandbox_in=${sandbox[1]}
+read -r call_port <&"${sandbox[0]}" || die "kolta_sandbox did not start"
+kolta=(./build-bench/cli/kolta -H 127.0.0.1 -p "$call_port")
+while IFS='=' read -r key value; do m[$key]=$value; done < <(
+  ./build-bench/bench/calls floor "$call_port" "$calls"
+  ./build-bench/bench/calls time kolta_true_ms "$calls" 0 '' '' -- "${kolta[@]}" sh true
+  ./build-bench/bench/calls time kolta_echo_ms "$calls" 0 'hi\n' '' -- "${kolta[@]}" sh 'echo hi'
+  ./build-bench/bench/calls time kolta_exec_ms "$calls" 0 'hi\n' '' -- "${kolta[@]}" exec /bin/echo hi
+  ./build-bench/bench/calls time kolta_three_ms "$calls" 3 'hi\n' 'e\n' -- "${kolta[@]}" sh \
+    'echo hi; echo e >&2; exit 3'
+  /usr/bin/python3 bench/calls.py "$call_port" "$calls"
+)
+exec {sandbox_in}>&-  # the end of its input stops the daemon
+wait "$sandbox_PID" 2>/dev/null || true
+[ -n "${m[py_8_threads_per_s]:-}" ] || die "the calls did not finish"
+
 strip -o "$work/koltad.stripped" build-bench/server/koltad
 m[size_bytes]=$(stat -c %s "$work/koltad.stripped")
 m[links]=$(ldd build-bench/server/koltad | awk '$1 !~ /vdso|ld-linux/ { printf "%s ", $1 }')
@@ -162,6 +197,31 @@ row "koltad system true, fresh connection" "${m[system_fresh_ms]}" ms \
 r=$(div "${m[system_rod_ms]}" "${m[sh_true_ms]}")
 row "koltad system true, kept connection, rod" "${m[system_rod_ms]}" ms "$r" \
   "<= 1.3 of the floor: $(yes_no "$r <= 1.3")"
+echo
+echo "calls (medians of $calls)                                 value unit      ratio  target"
+f=${m[floor_ms]}
+row "floor: test round trip + 3-byte Data reply" "$f" ms "1.00" ""
+row "ssh true, OpenSSH ControlMaster" "${m[ssh_cm_true_ms]}" ms "$(div "${m[ssh_cm_true_ms]}" "$f")" ""
+row "ssh 'echo hi', OpenSSH ControlMaster" "${m[ssh_cm_echo_ms]}" ms "$(div "${m[ssh_cm_echo_ms]}" "$f")" ""
+row "ssh 'echo hi; echo e >&2; exit 3', CM" "${m[ssh_cm_three_ms]}" ms "$(div "${m[ssh_cm_three_ms]}" "$f")" ""
+row "Python run(\"true\")" "${m[py_true_ms]}" ms "$(div "${m[py_true_ms]}" "$f")" \
+  "<= 8 ms: $(yes_no "${m[py_true_ms]} <= 8")"
+for k in py_echo_ms:'run("echo hi")' py_three_ms:'run("echo hi; echo e >&2; exit 3")' \
+  py_execute_ms:'execute("/bin/echo", ["hi"])'; do
+  r=$(div "${m[${k%%:*}]}" "$f")
+  row "Python ${k#*:}" "${m[${k%%:*}]}" ms "$r" "<= 1.2 of the floor: $(yes_no "$r <= 1.2")"
+done
+row "kolta sh true (with the process start)" "${m[kolta_true_ms]}" ms "$(div "${m[kolta_true_ms]}" "$f")" \
+  "<= 10 ms: $(yes_no "${m[kolta_true_ms]} <= 10")"
+for k in kolta_echo_ms:"kolta sh 'echo hi'" kolta_exec_ms:"kolta exec /bin/echo hi"; do
+  r=$(div "${m[${k%%:*}]}" "$f")
+  row "${k#*:}" "${m[${k%%:*}]}" ms "$r" "<= 1.3 of the floor: $(yes_no "$r <= 1.3")"
+done
+row "kolta sh 'echo hi; echo e >&2; exit 3'" "${m[kolta_three_ms]}" ms "$(div "${m[kolta_three_ms]}" "$f")" ""
+row "Python run(\"echo hi\"), 1 thread" "${m[py_1_thread_per_s]}" "/s" "1.00" ""
+r=$(div "${m[py_8_threads_per_s]}" "${m[py_1_thread_per_s]}")
+row "Python run(\"echo hi\"), 8 threads, one Device" "${m[py_8_threads_per_s]}" "/s" "$r" \
+  ">= 6 of 1 thread: $(yes_no "$r >= 6")"
 echo
 echo "transfers                                              value unit      ratio  target"
 row "raw loopback TCP pair in C (floor)" "${m[raw_tcp_mb_s]}" MB/s "1.00" ""

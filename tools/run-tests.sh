@@ -12,7 +12,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
 ensure_packages cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-dev util-linux \
-  python3-pytest python3-venv python3-pip python3-setuptools python3-wheel dpkg-dev \
+  python3-pytest python3-pytest-xdist python3-venv python3-pip python3-setuptools python3-wheel \
+  ansible-core dpkg-dev \
   lintian man-db
 
 jobs=$(nproc)

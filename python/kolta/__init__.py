@@ -6,17 +6,31 @@
 """
 
 from kolta.device import Device
-from kolta.errors import CommandFailed, ConnectionFailed, KoltaError, Refused, TransferFailed
+from kolta.errors import (
+    CommandFailed,
+    CommandTimeout,
+    ConnectionFailed,
+    KoltaError,
+    Refused,
+    TransferFailed,
+)
+from kolta.device_pool import DevicePool
 from kolta.group import DeviceGroup
+from kolta.lease import DeviceBusy, Lease, LeaseLost
 from kolta.process import Process
 from kolta.results import ProcessState, Result
 
 __all__ = [
     "CommandFailed",
+    "CommandTimeout",
     "ConnectionFailed",
     "Device",
+    "DeviceBusy",
     "DeviceGroup",
+    "DevicePool",
     "KoltaError",
+    "Lease",
+    "LeaseLost",
     "Process",
     "ProcessState",
     "Refused",

@@ -3,30 +3,28 @@
 from __future__ import annotations
 
 import os
-import uuid
-from collections.abc import Callable, Sequence
-from typing import TypeVar, overload
+from collections.abc import Sequence
+from types import TracebackType
+from typing import overload
 
 from kolta.errors import CommandFailed, ConnectionFailed, KoltaError
+from kolta.lease import Lease, take
 from kolta.online import read_boot_id, wait_online, wait_reboot
-from kolta.process import Process, fetch_output, query_state, stop_process, wait_for_end
-from kolta.results import ProcessState, Result
+from kolta.pool import Pool
+from kolta.process import Process
+from kolta.remote import as_input, check_timeout, program_text, run_on_device
+from kolta.results import Result
 from kolta.transfer import LocalSource, download, download_to, upload, verify
 from kolta.wire import Channel
 from kolta.words import join_words
 
 DEFAULT_PORT = 10000
 
-# Where the client keeps its short-lived scripts on the device.
-SCRATCH_DIR = "/tmp"
-SHELL = "/bin/sh"
 # Starts a program without argument words, which "process_start" cannot do.
 ARGUMENTLESS_STARTER = "/usr/bin/env"
 
 SETTINGS = ("LoadMethode", "lod_server_ip", "lod_server_port", "exec_type")
 REBOOT_MODES = ("warm", "cold")
-
-_T = TypeVar("_T")
 
 
 def _parse_lines(data: bytes) -> dict[str, str]:
@@ -45,20 +43,37 @@ def _launch_words(program: str, args: Sequence[str]) -> tuple[str, str]:
 
 
 class Device:
-    """A device running the daemon. Every call opens its own connection, so
-    one Device may be used from several threads at once."""
+    """A device running the daemon. A Device may be used from several
+    threads at once: each call has a connection of its own while it runs,
+    and connections are kept for later calls (close() ends them)."""
 
     def __init__(self, host: str, port: int = DEFAULT_PORT, timeout: float = 30.0) -> None:
         self.host = host
         self.port = port
         self.timeout = timeout
+        self._pool = Pool(host, port, timeout)
 
     def __repr__(self) -> str:
         return f"Device({self.host!r}, port={self.port})"
 
+    def __enter__(self) -> Device:
+        return self
+
+    def __exit__(
+        self,
+        exc_type: type[BaseException] | None,
+        exc: BaseException | None,
+        tb: TracebackType | None,
+    ) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Closes the kept connections (a later call opens new ones)."""
+        self._pool.close()
+
     def channel(self) -> Channel:
-        """A new connection (opened by its first request) for one call."""
-        return Channel(self.host, self.port, self.timeout)
+        """A new connection of its own (opened by its first request)."""
+        return self._pool.fresh()
 
     # -- information ------------------------------------------------------
 
@@ -70,27 +85,29 @@ class Device:
             return False
 
     def version(self) -> dict[str, str]:
-        with self.channel() as channel:
+        with self._pool.lease() as channel:
             return _parse_lines(channel.request("version").data)
 
     # -- commands ---------------------------------------------------------
 
-    def run(self, cmd: str | bytes, check: bool = False) -> Result:
+    def run(
+        self,
+        cmd: str | bytes,
+        check: bool = False,
+        timeout: float | None = None,
+        input: bytes | str | None = None,
+    ) -> Result:
         """Runs a shell command line and returns its whole output and its
-        return code. The command travels as a script of its own, so calls
-        that overlap never share output files, and its length is not bound
-        by a header value."""
-        script_text = cmd.encode() if isinstance(cmd, str) else cmd
-        if not script_text.endswith(b"\n"):
-            script_text += b"\n"
-        script = f"{SCRATCH_DIR}/kolta-run-{uuid.uuid4().hex}.sh"
-        with self.channel() as channel:
-            upload(channel, script_text, script)
-            try:
-                result = self._run_to_end(channel, SHELL, script, None)
-            finally:
-                self._quietly(lambda c: c.request("remFile", {"file": script}), channel)
-        return self._checked(cmd if isinstance(cmd, str) else cmd.decode("latin-1"), result, check)
+        return code. `input` (bytes or str) is its standard input, else it
+        reads an empty one. After `timeout` seconds it is stopped with every
+        process it started, and CommandTimeout is raised. Calls that overlap
+        never share files, and the command line may be of any length."""
+        check_timeout(timeout)
+        stdin = as_input(input)
+        text = cmd.encode() if isinstance(cmd, str) else cmd
+        label = cmd if isinstance(cmd, str) else cmd.decode("latin-1")
+        result = run_on_device(self._pool, label, text, stdin, timeout)
+        return self._checked(label, result, check)
 
     def execute(
         self,
@@ -98,21 +115,25 @@ class Device:
         args: Sequence[str] = (),
         timeout: float | None = 180,
         check: bool = False,
+        input: bytes | str | None = None,
     ) -> Result:
-        """Runs a program without a shell. After `timeout` seconds it is
-        stopped (SIGTERM, SIGKILL some seconds later) and the Result tells
-        the signal. Raises ValueError for words the daemon cannot pass."""
-        cmd, text = _launch_words(program, args)
-        with self.channel() as channel:
-            result = self._run_to_end(channel, cmd, text, timeout)
-        return self._checked(" ".join([program, *args]), result, check)
+        """Runs a program with exactly these argument words (found in the
+        device's PATH when it has no slash). After `timeout` seconds it is
+        stopped with every process it started, and CommandTimeout is raised.
+        A signal that ended it gives the negative signal number."""
+        check_timeout(timeout)
+        stdin = as_input(input)
+        text = program_text(program, args)
+        label = " ".join([program, *args])
+        result = run_on_device(self._pool, label, text, stdin, timeout)
+        return self._checked(label, result, check)
 
     def start(self, program: str, args: Sequence[str] = ()) -> Process:
         """Starts a program in the background."""
         cmd, text = _launch_words(program, args)
-        with self.channel() as channel:
+        with self._pool.lease() as channel:
             pid = self._start(channel, cmd, text)
-        return Process(self, pid, cmd, text)
+        return Process(self._pool, pid, cmd, text)
 
     # -- files ------------------------------------------------------------
 
@@ -120,7 +141,7 @@ class Device:
         """Uploads a local file (a path) or `bytes` to `remote`, streaming,
         and reads the device's copy back to check it: TransferFailed when it
         differs."""
-        with self.channel() as channel:
+        with self._pool.lease() as channel:
             size, signature = upload(channel, local, remote)
             if verify_copy:
                 verify(channel, remote, size, signature)
@@ -134,15 +155,25 @@ class Device:
     def get(self, remote: str, local: str | os.PathLike[str] | None = None) -> bytes | None:
         """The device's file as bytes, or, with `local`, written to that
         path (complete or not at all)."""
-        with self.channel() as channel:
+        with self._pool.lease() as channel:
             if local is None:
                 return download(channel, remote)
             download_to(channel, remote, local)
             return None
 
     def remove(self, remote: str) -> None:
-        with self.channel() as channel:
+        with self._pool.lease() as channel:
             channel.request("remFile", {"file": remote})
+
+    # -- sharing ----------------------------------------------------------
+
+    def lease(self, owner: str | None = None, ttl: float = 60.0, wait: float = 0.0) -> Lease:
+        """Takes an exclusive lease on the device, to be used as a context
+        manager: renewed in the background while held, released on exit. A
+        holder that dies loses it `ttl` seconds after its last renewal.
+        `owner` defaults to "user@hostname pid N". DeviceBusy when another
+        holder still has it after `wait` seconds."""
+        return take(self, owner, ttl, wait)
 
     # -- settings and power -----------------------------------------------
 
@@ -173,6 +204,7 @@ class Device:
             before = read_boot_id(channel)
         # The device may go down before the reply leaves it: the wait tells.
         self.channel().request_then_close("reboot", {"mode": mode})
+        self.close()  # kept connections do not survive a reboot
         wait_reboot(self.host, self.port, before, timeout, self.timeout)
 
     def shutdown(self) -> None:
@@ -196,45 +228,9 @@ class Device:
         except (KeyError, ValueError):
             raise KoltaError(f"process_start: no PID in the reply {data}") from None
 
-    def _run_to_end(self, channel: Channel, cmd: str, args: str, timeout: float | None) -> Result:
-        """Starts a process, waits for its end (stopping it after `timeout`),
-        fetches both outputs and forgets it."""
-        pid = self._start(channel, cmd, args)
-        try:
-            try:
-                state = wait_for_end(channel, pid, timeout)
-            except TimeoutError:
-                state = stop_process(channel, pid)
-            stderr = fetch_output(channel, pid, "stderr", remove=False)
-            stdout = fetch_output(channel, pid, "stdout", remove=True)
-        except BaseException:
-            self._quietly(lambda c: self._forget(c, pid), channel)
-            raise
-        return Result(stdout=stdout, stderr=stderr, returncode=_returncode(state))
-
-    @staticmethod
-    def _forget(channel: Channel, pid: int) -> None:
-        if query_state(channel, pid).running:
-            stop_process(channel, pid)
-        query_state(channel, pid, remove=True)
-
-    @staticmethod
-    def _quietly(action: Callable[[Channel], _T], channel: Channel) -> None:
-        """Clean-up; its failures are not the caller's. The channel opens a
-        new connection if the call's own has failed."""
-        try:
-            action(channel)
-        except (KoltaError, OSError):
-            pass
-
     @staticmethod
     def _checked(command: str, result: Result, check: bool) -> Result:
         if check and not result.ok:
             raise CommandFailed(command, result)
         return result
 
-
-def _returncode(state: ProcessState) -> int:
-    code = state.returncode
-    assert code is not None
-    return code

@@ -42,6 +42,18 @@ class CommandFailed(KoltaError):
         self.result = result
 
 
+class CommandTimeout(KoltaError, TimeoutError):
+    """A command was still running after its time limit and was stopped on
+    the device, with every process it started. `timeout` holds the limit;
+    `result` the output written until then, with returncode None."""
+
+    def __init__(self, command: str, timeout: float, result: Result) -> None:
+        super().__init__(f"{command!r} was still running after {timeout} s and was stopped")
+        self.command = command
+        self.timeout = timeout
+        self.result = result
+
+
 class TransferFailed(KoltaError):
     """The device's copy of an uploaded file differs from what was sent."""
 

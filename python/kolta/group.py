@@ -43,8 +43,15 @@ class DeviceGroup:
     def __len__(self) -> int:
         return len(self.devices)
 
-    def run(self, cmd: str | bytes, check: bool = False) -> dict[str, Result | BaseException]:
-        return self._on_all(lambda d: d.run(cmd, check=check))
+    def run(
+        self,
+        cmd: str | bytes,
+        check: bool = False,
+        timeout: float | None = None,
+        input: bytes | str | None = None,
+    ) -> dict[str, Result | BaseException]:
+        """Every device gets the same input."""
+        return self._on_all(lambda d: d.run(cmd, check=check, timeout=timeout, input=input))
 
     def put(self, local: LocalSource, remote: str) -> dict[str, None | BaseException]:
         return self._on_all(lambda d: d.put(local, remote))

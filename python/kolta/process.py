@@ -3,14 +3,12 @@
 from __future__ import annotations
 
 import time
-from typing import TYPE_CHECKING, Literal
+from typing import Literal
 
 from kolta.errors import KoltaError, Refused
+from kolta.pool import Pool
 from kolta.results import ProcessState
 from kolta.wire import Channel
-
-if TYPE_CHECKING:
-    from kolta.device import Device
 
 # Polling for the end of a process: the first pause, its growth, its limit.
 _FIRST_PAUSE = 0.01
@@ -68,11 +66,11 @@ def fetch_output(channel: Channel, pid: int, stream: str, remove: bool) -> bytes
 
 
 class Process:
-    """A process started in the background; every method opens its own
-    connection."""
+    """A process started in the background, on the device whose connections
+    `pool` holds."""
 
-    def __init__(self, device: Device, pid: int, cmd: str = "", args: str = "") -> None:
-        self.device = device
+    def __init__(self, pool: Pool, pid: int, cmd: str = "", args: str = "") -> None:
+        self.pool = pool
         self.pid = pid
         self.cmd = cmd
         self.args = args
@@ -81,29 +79,29 @@ class Process:
         return f"Process(pid={self.pid}, cmd={self.cmd!r}, args={self.args!r})"
 
     def state(self) -> ProcessState:
-        with self.device.channel() as channel:
+        with self.pool.lease() as channel:
             return query_state(channel, self.pid)
 
     def wait(self, timeout: float | None = None) -> ProcessState:
         """Waits until the process has ended; TimeoutError after `timeout`
         seconds."""
-        with self.device.channel() as channel:
+        with self.pool.lease() as channel:
             return wait_for_end(channel, self.pid, timeout)
 
     def stop(self) -> ProcessState:
-        with self.device.channel() as channel:
+        with self.pool.lease() as channel:
             return stop_process(channel, self.pid)
 
     def output(self, stream: Literal["stdout", "stderr"] = "stdout", remove: bool = False) -> bytes:
         """The captured standard output or error, once the process has ended.
         remove=True forgets the process afterwards (the other stream is then
         gone too)."""
-        with self.device.channel() as channel:
+        with self.pool.lease() as channel:
             return fetch_output(channel, self.pid, stream, remove)
 
     def remove(self) -> None:
         """Forgets an ended process and deletes its output files."""
-        with self.device.channel() as channel:
+        with self.pool.lease() as channel:
             state = query_state(channel, self.pid, remove=True)
         if state.running:
             raise KoltaError(f"process {self.pid} is still running: stop it before removing it")

@@ -16,11 +16,11 @@ class Result:
     """A finished command: its whole output and how it ended.
 
     returncode is the exit code, or the negative signal number when a signal
-    ended the command."""
+    ended the command; None for a command stopped at its time limit."""
 
     stdout: bytes
     stderr: bytes
-    returncode: int
+    returncode: int | None
 
     @property
     def ok(self) -> bool:

@@ -40,6 +40,11 @@ def _file_blocks(path: Path, size: int) -> Iterator[bytes]:
             yield block
 
 
+def md5_text(data: bytes) -> str:
+    """The signature of `data` as "putFile" takes it: upper-case hex."""
+    return hashlib.md5(data).hexdigest().upper()
+
+
 def _measure(source: LocalSource) -> tuple[int, str]:
     """Size and MD5 signature (upper-case hex) of what is to be sent."""
     digest = hashlib.md5()

@@ -11,6 +11,7 @@ is one of
 
 from __future__ import annotations
 
+import select
 import socket
 import time
 from collections.abc import Callable, Iterable, Mapping
@@ -32,11 +33,31 @@ _FAIL_END = b"\r\n\r\n"
 
 @dataclass(frozen=True)
 class Reply:
-    """A Success or Data reply (a Fail reply raises Refused instead)."""
+    """A Success or Data reply; a Fail reply only from Channel.receive (the
+    other calls raise Refused for it)."""
 
-    kind: str  # "Success" or "Data"
+    kind: str  # "Success", "Data" or "Fail"
     content_type: str = ""
     data: bytes = b""  # empty when the body went to a sink
+    reason: str = ""  # of a Fail reply, exactly as sent
+
+    @property
+    def failed(self) -> bool:
+        return self.kind == "Fail"
+
+
+class ReplyOverdue(KoltaError):
+    """No reply came before the caller's deadline. The connection is left as
+    it was: the reply may still be read later."""
+
+
+@dataclass(frozen=True)
+class Outgoing:
+    """One request of a batch sent in one go (see Channel.send)."""
+
+    command: str
+    arguments: Mapping[str, str]
+    body: bytes = b""  # its length must be in "content-length"
 
 
 def check_value(name: str, value: str) -> str:
@@ -153,6 +174,83 @@ class Channel:
             raise
         finally:
             self.close()
+
+    def send(self, requests: Iterable[Outgoing]) -> None:
+        """Sends several requests in one go, without waiting for a reply in
+        between; read their replies in order with receive(). The daemon
+        serves them one after another on this connection. A request with a
+        data body must come last: the daemon's body receiver may take the
+        bytes that follow a body, when they have already arrived, as body."""
+        requests = list(requests)
+        if any(r.body for r in requests[:-1]):
+            raise ValueError("a request with a data body must be the last of a batch")
+        data = b"".join(encode_request(r.command, r.arguments) + r.body for r in requests)
+        if self._in_reply:
+            self.close()  # an earlier reply was left half read
+        sock = self._connect()
+        self._reply_started = False
+        try:
+            sock.sendall(data)
+        except OSError as e:
+            self._give_up("sending requests", e)
+        self._sent = True
+        self._in_reply = True
+
+    def receive(
+        self,
+        command: str,
+        sink: Callable[[bytes], None] | None = None,
+        deadline: float | None = None,
+        patient: bool = False,
+    ) -> Reply:
+        """Reads the reply to a request sent with send(): a Fail reply is
+        returned (kind "Fail"), not raised. With `deadline` (a
+        time.monotonic() value) ReplyOverdue is raised when no byte of the
+        reply has come by then; the connection stays as it was. `patient`
+        waits for the reply's first byte without any limit (a command that
+        runs as long as it runs); the rest comes within the timeout."""
+        if (deadline is not None or patient) and not self._pending:
+            self._await_reply(command, deadline)
+        self._in_reply = True
+        try:
+            reply = self._read_reply(command, sink)
+        except Refused as refused:
+            return Reply("Fail", reason=refused.reason)
+        self._in_reply = False
+        self._fresh = False
+        return reply
+
+    def reusable(self) -> bool:
+        """Open, with every reply read whole."""
+        return self._sock is not None and not self._pending and not self._in_reply
+
+    def alive(self) -> bool:
+        """True when this kept connection can take a request: open, with
+        nothing unread, and not closed or reset by the daemon meanwhile."""
+        if self._sock is None or self._pending or self._in_reply:
+            return False
+        try:
+            readable, _, _ = select.select([self._sock], [], [], 0)
+            if not readable:
+                return True
+            self._sock.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT)
+        except OSError:
+            pass
+        return False  # closed, reset, or bytes nobody asked for
+
+    def _await_reply(self, command: str, deadline: float | None) -> None:
+        if self._sock is None:
+            raise self._failure(f"{command}: the connection is closed")
+        while True:
+            left = None if deadline is None else deadline - time.monotonic()
+            if left is not None and left <= 0:
+                raise ReplyOverdue(f"{command}: no reply yet")
+            try:
+                readable, _, _ = select.select([self._sock], [], [], left)
+            except InterruptedError:
+                continue
+            if readable:
+                return
 
     # -- connection -----------------------------------------------------
 

@@ -51,9 +51,10 @@ def kolta_cli() -> Path:
 class Sandboxes:
     """Daemons in their sandboxes, up until stop()."""
 
-    def __init__(self, count: int, reboots: bool = False) -> None:
+    def __init__(self, count: int, port: int | None = None, reboots: bool = False) -> None:
+        fixed = ["--port", str(port)] if port is not None else []
         self._helper = subprocess.Popen(
-            [str(sandbox_helper()), "--count", str(count), *(["--reboots"] if reboots else [])],
+            [str(sandbox_helper()), "--count", str(count), *fixed, *(["--reboots"] if reboots else [])],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,

@@ -59,26 +59,15 @@ def test_execute_passes_words_as_the_daemon_splits_them(device: Device) -> None:
     assert device.execute("/bin/true").ok  # no argument words at all
 
 
-@pytest.mark.parametrize(
-    "args",
-    [["two words"], ['"open quote', "next"], ["x"] * 63, ["caf\u00e9"], ["a\nb"]],
-    ids=["blank", "unbalanced-quote", "too-many", "non-ascii", "line-end"],
-)
-def test_execute_refuses_words_the_daemon_cannot_pass(device: Device, args: list[str]) -> None:
+def test_execute_refuses_a_nul_in_a_word(device: Device) -> None:
     with pytest.raises(ValueError):
-        device.execute("/bin/echo", args)
-
-
-def test_execute_stops_a_program_at_its_timeout(device: Device) -> None:
-    result = device.execute("/bin/sh", ["-c", "echo\tstarted;exec\tsleep\t30"], timeout=0.5)
-    assert result.returncode == -15
-    assert result.stdout == b"started\n"
+        device.execute("/bin/echo", ["a\0b"])
 
 
 def test_execute_reports_a_missing_program(device: Device) -> None:
     result = device.execute("/no/such/program", ["x"])
-    assert result.returncode == 255
-    assert b"No such file or directory" in result.stderr
+    assert result.returncode == 127  # as the shell reports it
+    assert b"/no/such/program" in result.stderr
 
 
 def test_words_joined_for_the_splitter() -> None:

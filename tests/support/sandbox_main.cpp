@@ -1,7 +1,7 @@
 // kolta_sandbox: runs sandboxed daemons for tests written outside C++ (the
 // Python client's tests, command-line tests).
 //
-//   kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND]
+//   kolta_sandbox [--count N] [--port P] [--daemon PATH] [--emulator COMMAND]
 //                 [--empty-root SHELL] [--show-log] [--reboots]
 //
 // Starts N daemons (default 1), each in its own sandbox, and prints the TCP
@@ -9,6 +9,8 @@
 // standard input reaches its end or the helper gets SIGTERM, SIGINT or SIGHUP;
 // then every daemon is stopped and its sandbox removed.
 //
+// --port gives the (one) daemon port P instead of a free one, so that a test
+// can start a daemon again where an earlier one listened.
 // --daemon runs another koltad binary than the one built with the helper.
 // --emulator runs the daemon through an emulator command, split at blanks:
 //   kolta_sandbox --daemon build-armhf/server/koltad
@@ -51,7 +53,7 @@ constexpr int kMaxCount = 32;
 
 int usage() {
   std::fputs(
-      "usage: kolta_sandbox [--count N] [--daemon PATH] [--emulator COMMAND]\n"
+      "usage: kolta_sandbox [--count N] [--port P] [--daemon PATH] [--emulator COMMAND]\n"
       "                     [--empty-root SHELL] [--show-log] [--reboots]\n"
       "       (1 <= N <= 32)\n",
       stderr);
@@ -93,7 +95,8 @@ class rebooting_daemon {
       return false;
     }
     if (port_ == 0) {
-      port_ = next->port();
+      port_ = next->port();  // 0 when --port named it
+      if (port_ == 0) std::sscanf(options_.config.c_str(), "port=%d", &port_);
       options_.config = "port=" + std::to_string(port_) + "\n";
     }
     sandbox_ = std::move(next);
@@ -170,6 +173,11 @@ int main(int argc, char** argv) {
       long n = std::strtol(argv[++i], &end, 10);
       if (*end != '\0' || n < 1 || n > kMaxCount) return usage();
       count = static_cast<int>(n);
+    } else if (arg == "--port" && i + 1 < argc) {
+      char* end = nullptr;
+      long port = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || port < 1 || port > 65535) return usage();
+      options.config = "port=" + std::to_string(port) + "\n";
     } else if (arg == "--daemon" && i + 1 < argc && argv[i + 1][0] != '\0') {
       options.daemon = argv[++i];
     } else if (arg == "--emulator" && i + 1 < argc) {
@@ -220,7 +228,11 @@ int main(int argc, char** argv) {
     }
     daemons.push_back(std::move(sandbox));
   }
-  for (const auto& sandbox : daemons) std::printf("%d\n", sandbox->port());
+  for (const auto& sandbox : daemons) {
+    int port = sandbox->port();
+    if (port == 0) std::sscanf(options.config.c_str(), "port=%d", &port);
+    std::printf("%d\n", port);
+  }
   std::fflush(stdout);
 
   // Children that end here are workers the daemons left behind: Sandbox::stop reaps them.
