@@ -106,12 +106,12 @@ TEST(KoltaCommandArgs, OptionsWordsAndUsage) {
   command_args f, g, h;
   EXPECT_EQ(parse("reboot", {"warm", "--wait", "20"}, &f), "");
   EXPECT_EQ(f.words, std::vector<std::string>{"warm"});
-  EXPECT_EQ(f.wait.value_or(-1), 20);
+  EXPECT_EQ(f.reboot_wait.value_or(-1), 20);
   EXPECT_EQ(parse("reboot", {"--wait", "cold"}, &g), "");
   EXPECT_EQ(g.words, std::vector<std::string>{"cold"});
-  EXPECT_EQ(g.wait.value_or(-1), kDefaultWaitSeconds);
+  EXPECT_EQ(g.reboot_wait.value_or(-1), kDefaultWaitSeconds);
   EXPECT_EQ(parse("reboot", {"warm"}, &h), "");
-  EXPECT_FALSE(h.wait.has_value());
+  EXPECT_FALSE(h.reboot_wait.has_value());
 
   for (auto [name, words] : std::vector<std::pair<const char*, std::vector<const char*>>>{
            {"reboot", {"warm", "--wait", "20", "x"}}, {"wait-online", {"--timeout", "soon"}},
