@@ -253,6 +253,7 @@ class _Run:
         self.stdin = stdin
         self.timeout = timeout
         self.files = _Files.new()
+        self.sent = False  # a request has gone out
 
     def run(self) -> Result:
         deadline = None if self.timeout is None else time.monotonic() + self.timeout
@@ -261,7 +262,8 @@ class _Run:
             result = self._run_on(channel, deadline)
         except BaseException:
             channel.close()
-            self._tidy()
+            if self.sent:  # else nothing reached the device
+                self._tidy()
             raise
         self.pool.give_back(channel)
         return result
@@ -273,6 +275,7 @@ class _Run:
             uploads.append(_put(f.stdin, self.stdin))
         for upload in uploads:  # a body ends its batch
             channel.send([upload])
+            self.sent = True
             reply = channel.receive("putFile")
             if reply.failed:
                 self._remove_all(channel)
