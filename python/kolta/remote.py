@@ -284,19 +284,20 @@ class _Run:
         channel.send(
             [Outgoing("execute", {"cmd": SHELL, "args": f.script, "timeout": limit}), _remove(f.marker)]
         )
-        stopped = False
+        overdue = False
         try:
             reply = channel.receive("execute", deadline=deadline, patient=deadline is None)
         except ReplyOverdue:
-            stopped = self._stop()
+            overdue = True
+            self._stop()
             reply = channel.receive("execute", patient=True)
         by_trap = not channel.receive("remFile").failed
-        if stopped and not by_trap:
-            ending = _Ending()
-        else:
-            ending = _ending(reply, by_trap)
+        # Stopped, or kept from starting: the trap did not run. (Had it run,
+        # the command ended by itself just as its time was up.)
+        cut_short = overdue and not by_trap
+        ending = _Ending() if cut_short else _ending(reply, by_trap)
         stdout, stderr, status = self._collect(channel, ending)
-        if stopped and not by_trap:
+        if cut_short:
             assert self.timeout is not None
             raise CommandTimeout(self.label, self.timeout, Result(stdout, stderr, None))
         return Result(stdout=stdout, stderr=stderr, returncode=status)
@@ -306,7 +307,8 @@ class _Run:
         waits for its Data reply in the daemon, so a second or third one
         goes out at the same time on a connection of its own."""
         f = self.files
-        fetches = [name for name, wanted in ((f.stdout, ending.has_stdout), (f.stderr, ending.has_stderr), (f.status, ending.status_file)) if wanted]
+        wanted = ((f.stdout, ending.has_stdout), (f.stderr, ending.has_stderr), (f.status, ending.status_file))
+        fetches = [name for name, fetch in wanted if fetch]
         others = [name for name in (f.script, f.stdout, f.stderr) if name not in fetches]
         if self.stdin is not None:
             others.append(f.stdin)
