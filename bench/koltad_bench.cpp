@@ -6,7 +6,9 @@
 // run with an error and prints no figure for it.
 //
 // Usage: koltad_bench FILE MD5   (FILE is the transfer source, MD5 its signature)
-// Prints "name=value" lines for tools/run-bench.sh.
+//        koltad_bench --footprint (only the idle memory and the "test" rates)
+// Prints "name=value" lines for tools/run-bench.sh. The daemon is the one
+// built beside it, or $KOLTA_TEST_DAEMON.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -169,15 +171,16 @@ long proc_kb(pid_t pid, const char* file, const char* field) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) fail("usage: koltad_bench FILE MD5");
-  const std::string source = argv[1], expected = upper(argv[2]);
-  struct stat st{};
-  if (stat(source.c_str(), &st) != 0) fail("cannot read " + source);
-  const auto size = static_cast<std::uint64_t>(st.st_size);
+  const bool footprint = argc == 2 && std::strcmp(argv[1], "--footprint") == 0;
+  if (argc != 3 && !footprint) fail("usage: koltad_bench FILE MD5 | koltad_bench --footprint");
   if (!kolta_test::sandbox_unavailable_reason().empty())
     fail("needs root and namespaces: " + kolta_test::sandbox_unavailable_reason());
+  const std::string source = footprint ? "" : argv[1], expected = footprint ? "" : upper(argv[2]);
+  struct stat st{};
+  if (!footprint && stat(source.c_str(), &st) != 0) fail("cannot read " + source);
+  const auto size = static_cast<std::uint64_t>(st.st_size);
 
-  std::printf("raw_tcp_mb_s=%.0f\n", raw_tcp_mb_s(size));
+  if (!footprint) std::printf("raw_tcp_mb_s=%.0f\n", raw_tcp_mb_s(size));
 
   kolta_test::Sandbox daemon;
   if (!daemon.start()) fail("daemon did not start: " + daemon.error());
@@ -187,6 +190,12 @@ int main(int argc, char** argv) {
   if (task.size() != 1) fail("expected one process-manager task");
   std::printf("rss_daemon_kb=%ld\nrss_task_kb=%ld\n", proc_kb(daemon.pid(), "status", "VmRSS"),
               proc_kb(task[0], "status", "VmRSS"));
+  if (footprint) {
+    std::printf("test_1_per_s=%.0f\n", test_rate(port, 1));
+    std::printf("test_8_per_s=%.0f\n", test_rate(port, 8));
+    daemon.stop();
+    return 0;
+  }
   {  // The floor: what an idle "sleep" holds, a small program on the same C library.
     pid_t idle = fork();
     if (idle == 0) {

@@ -8,6 +8,7 @@
 
 #include "cli/device_commands.h"
 #include "cli/exit_status.h"
+#include "cli/lease_commands.h"
 #include "cli/process_commands.h"
 #include "cli/remote_run.h"
 #include "cli/transfer.h"
@@ -38,6 +39,16 @@ std::string check_output(const command_args& a) {
 std::string check_run(const command_args& a) {
   if (a.timeout && !parse_limit(*a.timeout))
     return "--timeout needs a number of seconds above 0, not '" + *a.timeout + "'";
+  return {};
+}
+
+std::string check_lease(const command_args& a) {
+  if (a.wait && !parse_seconds(*a.wait))
+    return "--wait needs a number of seconds, not '" + *a.wait + "'";
+  if (a.ttl && !parse_limit(*a.ttl))
+    return "--ttl needs a number of seconds above 0, not '" + *a.ttl + "'";
+  if (a.break_lease && !a.words.empty()) return "lease --break takes no command";
+  if (!a.break_lease && a.words.empty()) return "usage: kolta [options] lease [--wait S] [--ttl S] [--] COMMAND [ARGS...]";
   return {};
 }
 
@@ -195,6 +206,23 @@ constexpr command_spec kCommands[] = {
     {"exit", "exit", "end the daemon",
      "Ends koltad with its workers and process manager (until it is started again).\n", 0, 0,
      0, no_check, run_exit},
+    {"lease", "lease [--wait S] [--ttl S] [--break] [-- COMMAND...]",
+     "hold a free device while a command runs here",
+     "Leases the first free device of the -H list and runs COMMAND on this host\n"
+     "with KOLTA_HOST and KOLTA_PORT set to it, and KOLTA_LEASE to the lease's\n"
+     "token (a client that would wait for that lease takes it as its own). The\n"
+     "lease is renewed while COMMAND runs and released when it ends (on Ctrl-C\n"
+     "and SIGTERM too, which is passed on to it); a holder that dies loses it\n"
+     "after --ttl S seconds (default 60). Exits with COMMAND's status, or 3 when\n"
+     "no device was free within --wait S seconds (default 600), listing the\n"
+     "holders. --break removes the lease of each device named, whoever holds\n"
+     "it, and prints whose it was. The lease lives on the device in\n"
+     "/etc/kolta/lease (or /tmp/kolta-lease), shared with the Python client.\n",
+     0, -1, kProgramWords | kTakesLease, check_lease, nullptr, run_lease},
+    {"leases", "leases", "show who holds each device",
+     "Prints one line per device of the -H list: free, or its holder with the\n"
+     "lease's age and the time it has left. Exits 3 when one was not reachable.\n",
+     0, 0, 0, no_check, nullptr, run_leases},
     {"raw", "raw COMMAND [NAME=VALUE...] [--body FILE]", "send any request, print the reply",
      "Sends the request COMMAND with the given arguments (and FILE as its data\n"
      "body, with content-length added) and prints the reply as it came: its\n"
@@ -243,6 +271,11 @@ std::string parse_command_args(const command_spec& spec, std::span<char* const> 
         args->no_input = true;
       } else if (w == "--remove" && (spec.options & kTakesRemove)) {
         args->remove = true;
+      } else if (w == "--break" && (spec.options & kTakesLease)) {
+        args->break_lease = true;
+      } else if ((w == "--wait" || w == "--ttl") && (spec.options & kTakesLease)) {
+        if (i + 1 == words.size()) return std::string(w) + " needs a value";
+        (w == "--wait" ? args->wait : args->ttl) = words[++i];
       } else if ((w == "--timeout" && (spec.options & kTakesTimeout)) ||
                  (w == "--body" && (spec.options & kTakesBody))) {
         if (i + 1 == words.size()) return std::string(w) + " needs a value";

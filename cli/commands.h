@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/device.h"
+#include "cli/target.h"
 
 // A command's words after its name, with its own options taken out.
 struct command_args {
@@ -18,6 +19,9 @@ struct command_args {
   bool no_input = false;               // -n: an empty standard input for the command
   int input_fd = -1;                   // set by the caller: the command's standard input,
   std::uint64_t input_length = 0;      //   its length (0: empty)
+  std::optional<std::string> wait;     // lease --wait S
+  std::optional<std::string> ttl;      // lease --ttl S
+  bool break_lease = false;            // lease --break
   bool help = false;                   // --help
   bool several_hosts = false;          // set by the caller: -H named more than one
   std::string label;                   // set by the caller: the host as named
@@ -29,6 +33,7 @@ enum option_bits : unsigned {
   kTakesBody = 1u << 2,
   kProgramWords = 1u << 3,  // the words after the first belong to a program
   kTakesInput = 1u << 4,    // passes standard input on; takes -n
+  kTakesLease = 1u << 5,    // --wait S, --ttl S, --break
 };
 
 struct command_spec {
@@ -41,6 +46,9 @@ struct command_spec {
   // A usage problem with the words, or empty.
   std::string (*check)(const command_args& args);
   int (*run)(device& dev, const command_args& args);
+  // Instead of `run`: one call for the whole host list (lease, leases).
+  int (*run_all)(const std::vector<target>& targets, int timeout_ms,
+                 const command_args& args) = nullptr;
 };
 
 std::span<const command_spec> command_table();

@@ -10,6 +10,7 @@
 #include "cli/interrupt.h"
 #include "cli/output.h"
 #include "cli/progress.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -73,7 +74,7 @@ bool device::open() {
                          : err == EHOSTUNREACH || err == ENETUNREACH
                              ? " (is the device up and reachable?)"
                              : " (check the host and the port)";
-      report(head + std::strerror(err) + hint, kExitConnection);
+      report(head + error_text(err) + hint, kExitConnection);
     }
   }
   vesk_c_disconnect(&conn_);
@@ -122,12 +123,12 @@ bool device::failed_io(const char* command, vesk_c_status s) {
                    " is too long or holds a line end (127 characters at most, 19 arguments)",
                kExitUsage);
       else
-        report(head + "local file error during " + quoted(command) + ": " + std::strerror(err),
+        report(head + "local file error during " + quoted(command) + ": " + error_text(err),
                kExitFail);
       break;
     default:
       report(head + "the connection failed during " + quoted(command) + ": " +
-                 std::strerror(err),
+                 error_text(err),
              kExitConnection);
   }
   close();

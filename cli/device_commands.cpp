@@ -13,6 +13,7 @@
 #include "cli/exit_status.h"
 #include "cli/output.h"
 #include "lib/unique_fd.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ int raw_request(device& dev, const std::string& command, std::span<const std::st
     unique_fd file(::open(body_file->c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st{};
     if (!file.ok() || ::fstat(file.get(), &st) != 0) {
-      dev.report("cannot read " + *body_file + ": " + std::strerror(errno), kExitFail);
+      dev.report("cannot read " + *body_file + ": " + error_text(errno), kExitFail);
       return dev.status();
     }
     std::string length = std::to_string(st.st_size);

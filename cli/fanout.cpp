@@ -14,6 +14,7 @@
 #include "cli/interrupt.h"
 #include "cli/output.h"
 #include "lib/unique_fd.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ int run_on_all(const std::vector<target>& targets, const std::function<int(const
   for (std::size_t i = 0; i < targets.size(); ++i) {
     int out[2], err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
-      std::perror("kolta: pipe");
+      std::fprintf(stderr, "kolta: pipe: %s\n", error_text(errno));
       return kExitFail;
     }
     pid_t pid = ::fork();
@@ -75,7 +76,7 @@ int run_on_all(const std::vector<target>& targets, const std::function<int(const
     children[i].out = {unique_fd(out[0]), STDOUT_FILENO, {}};
     children[i].err = {unique_fd(err[0]), STDERR_FILENO, {}};
     if (pid < 0) {
-      std::perror("kolta: fork");
+      std::fprintf(stderr, "kolta: fork: %s\n", error_text(errno));
       children[i].out.fd.reset();
       children[i].err.fd.reset();
     }

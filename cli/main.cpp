@@ -178,6 +178,7 @@ int main(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
   catch_interrupts();
   int timeout_ms = static_cast<int>(std::lround(timeout_s * 1000));
+  if (spec->run_all != nullptr) return spec->run_all(targets, timeout_ms, args);
   return run_on_all(targets, [&](const target& where) {
     command_args mine = args;
     mine.label = where.label;

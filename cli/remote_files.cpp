@@ -11,6 +11,7 @@
 #include "cli/progress.h"
 #include "lib/md5.h"
 #include "lib/unique_fd.h"
+#include "lib/system_texts.h"
 
 std::string md5_text(const std::uint8_t (&digest)[16]) {
   char text[33];
@@ -30,7 +31,7 @@ std::string md5_text(std::string_view bytes) {
 bool upload_text(device& dev, const std::string& remote, std::string_view content) {
   unique_fd body(::memfd_create("kolta-upload", MFD_CLOEXEC));
   if (!body.ok() || !write_all(body.get(), content) || ::lseek(body.get(), 0, SEEK_SET) != 0) {
-    dev.report(std::string("cannot prepare an upload: ") + std::strerror(errno), 1);
+    dev.report(std::string("cannot prepare an upload: ") + error_text(errno), 1);
     return false;
   }
   std::string signature = md5_text(content);

@@ -16,6 +16,7 @@
 #include "cli/shell_words.h"
 #include "lib/md5.h"
 #include "lib/unique_fd.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -99,7 +100,7 @@ int put_file(device& dev, const std::string& local, const std::string& remote) {
   unique_fd file(::open(local.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat st{};
   if (!file.ok() || ::fstat(file.get(), &st) != 0) {
-    dev.report("cannot read " + local + ": " + std::strerror(errno), kExitFail);
+    dev.report("cannot read " + local + ": " + error_text(errno), kExitFail);
     return dev.status();
   }
   if (!S_ISREG(st.st_mode)) {
@@ -108,7 +109,7 @@ int put_file(device& dev, const std::string& local, const std::string& remote) {
   }
   std::uint8_t digest[16];
   if (get_file_md5(local.c_str(), digest) != 0) {
-    dev.report("cannot read " + local + ": " + std::strerror(errno), kExitFail);
+    dev.report("cannot read " + local + ": " + error_text(errno), kExitFail);
     return dev.status();
   }
   std::string signature = md5_text(digest);
@@ -147,16 +148,16 @@ int get_file(device& dev, const std::string& remote, const std::string& local) {
   std::string partial = target + ".kolta-part-" + random_name().substr(0, 8);
   unique_fd out(::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
   if (!out.ok()) {
-    dev.report("cannot write " + partial + ": " + std::strerror(errno), kExitFail);
+    dev.report("cannot write " + partial + ": " + error_text(errno), kExitFail);
     return dev.status();
   }
   bool ok = fetch_to_fd(dev, remote, out.get(), &progress);
   if (ok && ::close(out.release()) != 0) {
-    dev.report("cannot write " + partial + ": " + std::strerror(errno), kExitFail);
+    dev.report("cannot write " + partial + ": " + error_text(errno), kExitFail);
     ok = false;
   }
   if (ok && ::rename(partial.c_str(), target.c_str()) != 0) {
-    dev.report("cannot rename " + partial + " to " + target + ": " + std::strerror(errno),
+    dev.report("cannot rename " + partial + " to " + target + ": " + error_text(errno),
                kExitFail);
     ok = false;
   }

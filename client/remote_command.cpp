@@ -14,6 +14,7 @@
 
 #include "client/shell_quote.h"
 #include "lib/md5.h"
+#include "lib/system_texts.h"
 #include "lib/unique_fd.h"
 #include "protocol/stream.h"
 
@@ -119,13 +120,7 @@ vesk_c_status upload_text(vesk_c_conn* conn, const std::string& remote, std::str
   return upload(conn, remote, fd.get(), text.size(), reply);
 }
 
-int signal_named(std::string_view text) {
-  for (int sig = 1; sig < NSIG; ++sig) {
-    const char* name = strsignal(sig);
-    if (name != nullptr && text == name) return sig;
-  }
-  return 0;
-}
+int signal_named(std::string_view text) { return signal_from_text(text); }
 
 bool parse_int(const char* text, int* value) {
   char* end = nullptr;

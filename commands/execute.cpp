@@ -20,6 +20,7 @@
 #include "lib/split_args.h"
 #include "lib/unique_fd.h"
 #include "protocol/stream.h"
+#include "lib/system_texts.h"
 
 int gExecRC = 0;
 
@@ -111,7 +112,8 @@ int execute_fn(vesk_request* request, resp_obj* resp) {
 
   int status = wait_with_limit(pid, limit);
   if ((status & 0x7f) != 0) {
-    reply_fail_format(resp, "%d: Execution failed (%s)", pid, strsignal(status & 0x7f));
+    char description[kSystemTextSize];
+    reply_fail_format(resp, "%d: Execution failed (%s)", pid, signal_text(status & 0x7f, description));
     return 1;
   }
   gExecRC = (status >> 8) & 0xff;

@@ -11,6 +11,7 @@
 #include "lib/bounded.h"
 #include "lib/md5.h"
 #include "lib/unique_fd.h"
+#include "lib/system_texts.h"
 
 std::FILE* gFp = nullptr;
 
@@ -43,7 +44,7 @@ char g_unsized_file[kUnsizedFileMax];
 
 void close_transfer_file() {
   if (gFp != nullptr && std::fclose(gFp) != 0 && g_put.open && g_put.error[0] == '\0') {
-    bounded_format(g_put.error, "write error: %s", std::strerror(errno));
+    bounded_format(g_put.error, "write error: %s", error_text(errno));
   }
   gFp = nullptr;
 }
@@ -142,7 +143,7 @@ int putf_writer_cb(int operation, const char* buffer, int length, char* error_te
       if (gFp != nullptr && g_put.error[0] == '\0' && length > 0 &&
           std::fwrite(buffer, 1, static_cast<std::size_t>(length), gFp) !=
               static_cast<std::size_t>(length)) {
-        bounded_format(g_put.error, "write error: %s", std::strerror(errno));
+        bounded_format(g_put.error, "write error: %s", ::error_text(errno));
       }
       if (length > 0) MD5Update(&gMD5_context, buffer, static_cast<std::size_t>(length));
       break;

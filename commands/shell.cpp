@@ -10,6 +10,7 @@
 #include "commands/setup.h"
 #include "lib/bounded.h"
 #include "lib/planted_link.h"
+#include "lib/system_texts.h"
 
 int gLastRC = 0;
 
@@ -38,7 +39,7 @@ int system_fn(vesk_request* request, resp_obj* resp) {
   remove_planted_link(kSystemStdoutFile);
   gLastRC = std::system(line);
 
-  if (gLastRC == -1) return reply_fail(resp, std::strerror(errno));
+  if (gLastRC == -1) return reply_fail(resp, error_text(errno));
   if (gLastRC != 0) {
     reply_fail(resp, "Modul returned with error");
     int n = read_output_file(kSystemStderrFile, gcBuf, kOutputFetchMax);

@@ -1,12 +1,14 @@
 // Feeds arbitrary bytes, as a server would send them, to the client's reply
 // readers, reply after reply, from a socket pair: the streaming reader and
-// the dispatch of vesk_c_action through the reply and content-type tables.
+// the dispatch of vesk_c_action through the reply and content-type tables;
+// and the line of the lease script.
 #include <cstddef>
 #include <cstdint>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "client/connection.h"
+#include "client/lease.h"
 #include "client/session.h"
 #include "fuzz/fed_socket.h"
 #include "lib/unique_fd.h"
@@ -63,6 +65,10 @@ void dispatch_actions(int fd) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0 || size > kMaxInput) return 0;
+  // The lease script's answer comes from the device too.
+  vesk_c_lease_state lease;
+  if (vesk_c_lease_parse(std::string_view(reinterpret_cast<const char*>(data), size), &lease))
+    (void)vesk_c_lease_holder_text(lease);
   fed_socket input;
   if (!input.feed(data + 1, size - 1)) return 0;
   const unique_fd& reader = input.reader;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "lib/planted_link.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ void exec_with_output_files(const char* stdout_file, const char* stderr_file, ch
   if (err > STDERR_FILENO) close(err);
 
   execv(argv[0], argv);
-  std::fprintf(stderr, "FATAL: process exited unexpected.! (%s)\n", std::strerror(errno));
+  std::fprintf(stderr, "FATAL: process exited unexpected.! (%s)\n", error_text(errno));
   std::fflush(stderr);
   _exit(-1);
 }

@@ -26,15 +26,3 @@ void signal_safe_print(int fd, const char* fmt, ...) {
   }
   errno = saved_errno;
 }
-
-const char* signal_description(int sig, std::span<char, kSignalDescriptionSize> buf) {
-  if (const char* text = sigdescr_np(sig); text != nullptr) return text;
-  // The real-time signals are numbered from the first one the C library
-  // leaves to applications.
-  if (sig >= SIGRTMIN && sig <= SIGRTMAX) {
-    std::snprintf(buf.data(), buf.size(), "Real-time signal %d", sig - SIGRTMIN);
-  } else {
-    std::snprintf(buf.data(), buf.size(), "Unknown signal %d", sig);
-  }
-  return buf.data();
-}

@@ -14,6 +14,7 @@
 #include "lib/bounded.h"
 #include "lib/ctnr.h"
 #include "lib/signal_safe.h"
+#include "lib/system_texts.h"
 #include "procman/spawn.h"
 
 namespace {
@@ -199,7 +200,7 @@ void send_answer(pm_msg* answer, std::int32_t requester, std::int32_t cmd) {
       std::fprintf(stderr, "PM: requester %d has gone, its answer is dropped\n", requester);
       return;
     }
-    std::fprintf(stderr, "Error in msgsnd. (%s)\n", std::strerror(errno));
+    std::fprintf(stderr, "Error in msgsnd. (%s)\n", error_text(errno));
     report_internal_error(cmd);
     return;
   }
@@ -239,7 +240,7 @@ void handle_launch(const pm_request& req, pm_msg* answer) {
   auto* rec = static_cast<pm_process*>(std::calloc(1, sizeof(pm_process)));
   if (rec == nullptr) {
     a.failed = 1;
-    bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(ENOMEM));
+    bounded_format(a.text, "PM:FORK FAILED (%s)", error_text(ENOMEM));
     return;
   }
   copy_field(rec->env_path, req.env_path);
@@ -252,7 +253,7 @@ void handle_launch(const pm_request& req, pm_msg* answer) {
   signals_held held;
   pid_t pid = spawn_background_process(*rec, req);
   if (pid < 0) {
-    bounded_format(a.text, "PM:FORK FAILED (%s)", std::strerror(errno));
+    bounded_format(a.text, "PM:FORK FAILED (%s)", error_text(errno));
     a.failed = 1;
     std::free(rec);
     return;
@@ -373,9 +374,9 @@ void pm_record_exit(std::int32_t pid, int status) {
   pm_process* rec = find_process(pid);
   if (rec == nullptr) return;
   if ((status & 0x7f) != 0) {
-    char description[kSignalDescriptionSize];
+    char description[kSystemTextSize];
     rec->exit_code = status & 0x7f;
-    bounded_copy(rec->msg, signal_description(status & 0x7f, description));
+    bounded_copy(rec->msg, signal_text(status & 0x7f, description));
     rec->state = kStateDied;
   } else {
     rec->exit_code = (status >> 8) & 0xff;
@@ -411,8 +412,9 @@ void pm_cleanup(int /*sig*/) {
     unlink(rec->stdout_file);
   }
   if (msgctl(msgget(kPmQueueKey, kPmQueueFlags), IPC_RMID, nullptr) != 0) {
+    char description[kSystemTextSize];
     signal_safe_print(STDERR_FILENO, "Remove IPC Message Queue failed: %s\n",
-                      strerrordesc_np(errno));
+                      error_text(errno, description));
   }
   _exit(0);
 }

@@ -1,4 +1,5 @@
 #include "protocol/stream.h"
+#include "lib/system_texts.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,7 +30,7 @@ unsigned rx_stream_read(int sock, char* dst, unsigned max) {
 }
 
 void rx_stream_read_failed() {
-  std::perror("EXCEPTION: rx_stream_read: init-state");
+  std::fprintf(stderr, "EXCEPTION: rx_stream_read: init-state: %s\n", error_text(errno));
   std::fputs("Connection interrupted during read\n", stderr);
   std::exit(255);
 }

@@ -15,6 +15,7 @@
 #include "server/reaper.h"
 #include "server/worker.h"
 #include "server/worker_process.h"
+#include "lib/system_texts.h"
 
 namespace {
 
@@ -105,7 +106,7 @@ int svr_vesk_run() {
       _exit(0);
     }
     if (child < 0) {
-      std::perror("fork() failed");
+      std::fprintf(stderr, "fork() failed: %s\n", error_text(errno));
     } else {
       // A worker that ended while this one was forked is collected and
       // logged by the reaper, as every other; the wait loop below only finds

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "lib/signal_safe.h"
+#include "lib/system_texts.h"
 
 void reap_children_logged(const char* prefix) {
   int saved_errno = errno;
@@ -14,9 +15,9 @@ void reap_children_logged(const char* prefix) {
   pid_t pid;
   while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
     if (WIFSIGNALED(status)) {
-      char description[kSignalDescriptionSize];
+      char description[kSystemTextSize];
       signal_safe_print(STDERR_FILENO, "%s: WARNING pid=%d has exited with error state=%d. (%s)\n",
-                        prefix, pid, status, signal_description(status & 0x7f, description));
+                        prefix, pid, status, signal_text(status & 0x7f, description));
     } else {
       signal_safe_print(STDOUT_FILENO, "%s: pid=%d has exited normally with state=%d.\n", prefix,
                         pid, (status >> 8) & 0xff);

@@ -8,6 +8,8 @@ ensure_packages() {
   echo "installing: ${missing[*]}"
   local sudo=""
   [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  $sudo apt-get update -qq
+  # A mirror in mid-sync can fail one index; the install below says whether
+  # what is needed was found anyway.
+  $sudo apt-get update -qq || echo "apt-get update reported errors; installing anyway" >&2
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
 }

@@ -13,6 +13,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
+. tools/sandbox.sh
 
 skip() {
   echo "ARM test skipped: $*"
@@ -54,31 +55,16 @@ if [ -z "$sandbox" ]; then
 fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/kolta-arm.XXXXXX")
-sandbox_pid=
 cleanup() {
-  if [ -n "$sandbox_pid" ]; then
-    exec {to_sandbox}>&- 2>/dev/null || true
-    wait "$sandbox_pid" 2>/dev/null || true
-  fi
+  sandbox_stop || true
   rm -rf "$work"
 }
 trap cleanup EXIT
 
 echo "== armhf koltad under qemu-arm, in the sandbox"
-mkfifo "$work/to-sandbox"
-"$sandbox" --daemon "$daemon" --emulator "${qemu[*]}" --show-log \
-  <"$work/to-sandbox" >"$work/ports" 2>"$work/sandbox.log" &
-sandbox_pid=$!
-exec {to_sandbox}>"$work/to-sandbox"  # the sandbox runs until this closes
-port=
-while [ -z "$port" ] && kill -0 "$sandbox_pid" 2>/dev/null; do
-  port=$(head -n1 "$work/ports")
-  [ -n "$port" ] || sleep 0.2
-done
-if [ -z "$port" ]; then
-  status=0
-  wait "$sandbox_pid" || status=$?
-  sandbox_pid=
+status=0
+sandbox_start "$work" --daemon "$daemon" --emulator "${qemu[*]}" || status=$?
+if [ "$status" -ne 0 ]; then
   [ "$status" -eq 77 ] && skip "$(cat "$work/sandbox.log")"
   cat "$work/sandbox.log" >&2
   echo "FAILED: the armhf daemon did not come up" >&2
@@ -164,9 +150,7 @@ else
 fi
 [ "$failed" -eq 0 ] && echo "   kolta: test, version, sh, put/get all right"
 
-exec {to_sandbox}>&-
-wait "$sandbox_pid" || fail "kolta_sandbox ended with status $?"
-sandbox_pid=
+sandbox_stop || fail "kolta_sandbox ended with status $?"
 # The daemon's log: no failed system call, no fatal error.
 if grep -v '^--- daemon' "$work/sandbox.log" | grep -E 'FATAL|[Ee]rror' >"$work/errors"; then
   fail "the daemon logged errors: $(cat "$work/errors")"

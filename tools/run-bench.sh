@@ -147,6 +147,17 @@ for pid in "${servers[@]}"; do kill "$pid" 2>/dev/null || true; done
 while IFS='=' read -r key value; do m[$key]=$value; done < <(./build-bench/bench/floors)
 while IFS='=' read -r key value; do m[$key]=$value; done < <(./build-bench/bench/koltad_bench "$file" "$sum")
 [ -n "${m[pss_32_total_kb]:-}" ] || die "koltad_bench did not finish"
+# The static musl build (tools/build-static.sh) beside this glibc one.
+[ -x dist/x86_64/koltad ] || ./tools/build-static.sh x86_64 >/dev/null
+for build in glibc static; do
+  daemon=$PWD/build-bench/server/koltad
+  [ "$build" = static ] && daemon=$PWD/dist/x86_64/koltad
+  while IFS='=' read -r key value; do m[${build}_$key]=$value; done < <(
+    KOLTA_TEST_DAEMON=$daemon ./build-bench/bench/koltad_bench --footprint)
+  [ -n "${m[${build}_test_8_per_s]:-}" ] || die "koltad_bench --footprint ($build) did not finish"
+done
+m[static_size_bytes]=$(stat -c %s dist/x86_64/koltad)
+
 # Calls, against one sandboxed daemon, with the floor measured on it.
 coproc sandbox { exec ./build-bench/tests/kolta_sandbox; }
 servers+=("$sandbox_PID")
@@ -240,3 +251,19 @@ row "idle daemon, resident" "${m[rss_daemon_kb]}" kB "" "<= 1.5 MB: $(yes_no "${
 row "idle process-manager task, resident" "${m[rss_task_kb]}" kB "" "<= 1.5 MB: $(yes_no "${m[rss_task_kb]} <= 1536")"
 row "32 open connections: one worker, resident" "${m[rss_worker_kb]}" kB "" ""
 row "32 open connections: all processes, PSS" "${m[pss_32_total_kb]}" kB "" ""
+echo
+echo "static musl build beside the glibc one                 glibc     static  unit   target"
+srow() { printf '  %-44s %9s %10s  %-5s  %s\n' "$@"; }
+srow "koltad stripped" "${m[size_bytes]}" "${m[static_size_bytes]}" bytes \
+  "static <= 150 KB: $(yes_no "${m[static_size_bytes]} <= 150000")"
+for what in daemon task; do
+  name=$([ "$what" = daemon ] && echo "idle daemon, resident" || echo "idle process-manager task, resident")
+  v=${m[static_rss_${what}_kb]}
+  srow "$name" "${m[glibc_rss_${what}_kb]}" "$v" kB "static <= 0.6 MB: $(yes_no "$v <= 614")"
+done
+for n in 1 8; do
+  g=$(div "${m[glibc_test_${n}_per_s]}" "${m[fork_per_s]}")
+  st=$(div "${m[static_test_${n}_per_s]}" "${m[fork_per_s]}")
+  srow "test, fresh connections, $n client(s), /s" "${m[glibc_test_${n}_per_s]}" "${m[static_test_${n}_per_s]}" "/s" ""
+  srow "  the same as a ratio to the fork floor" "$g" "$st" "" "static >= 0.7: $(yes_no "$st >= 0.7")"
+done

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test: the plain build, the Python client's
-# tests against it, the same C++ tests under AddressSanitizer and UBSan, a
+# Builds everything and runs every test: the static musl builds, the plain
+# build (its integration tests against its own daemon and the static one), the
+# static programs in an empty root and under qemu-user, the Python client's
+# tests against the plain build, the same C++ tests under AddressSanitizer and UBSan, a
 # short run of every fuzz target, and last the armhf build run under qemu-arm.
 # The plain build's tests include the installation and Debian package check
 # (tools/check-package.sh).
@@ -9,7 +11,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/deps.sh
 ensure_packages cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-dev util-linux \
-  python3-pytest python3-venv python3-pip python3-setuptools python3-wheel dpkg-dev
+  python3-pytest python3-pytest-xdist python3-venv python3-pip python3-setuptools python3-wheel \
+  ansible-core dpkg-dev \
+  lintian man-db
 
 jobs=$(nproc)
 run_suite() {
@@ -20,8 +24,16 @@ run_suite() {
   (cd "$dir" && ctest --output-on-failure --timeout 300 -j"$jobs")
 }
 
+echo "== static builds: musl, x86_64, armhf and arm64"
+./tools/build-static.sh
+
 echo "== plain build"
-run_suite build-test -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# Its integration tests run twice: against its own daemon and against the
+# static x86_64 one.
+run_suite build-test -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOLTA_OTHER_KOLTAD="$PWD/dist/x86_64/koltad"
+
+echo "== static builds where no C library helps them"
+KOLTA_SANDBOX="$PWD/build-test/tests/kolta_sandbox" ./tools/check-static.sh
 
 echo "== Python client"
 # Debian's interpreter and pytest; the daemons run in kolta_sandbox.

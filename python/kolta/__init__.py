@@ -14,7 +14,9 @@ from kolta.errors import (
     Refused,
     TransferFailed,
 )
+from kolta.device_pool import DevicePool
 from kolta.group import DeviceGroup
+from kolta.lease import DeviceBusy, Lease, LeaseLost
 from kolta.process import Process
 from kolta.results import ProcessState, Result
 
@@ -23,8 +25,12 @@ __all__ = [
     "CommandTimeout",
     "ConnectionFailed",
     "Device",
+    "DeviceBusy",
     "DeviceGroup",
+    "DevicePool",
     "KoltaError",
+    "Lease",
+    "LeaseLost",
     "Process",
     "ProcessState",
     "Refused",

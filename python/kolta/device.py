@@ -9,6 +9,7 @@ from types import TracebackType
 from typing import overload
 
 from kolta.errors import CommandFailed, ConnectionFailed, KoltaError
+from kolta.lease import Lease, take
 from kolta.pool import Pool
 from kolta.process import Process
 from kolta.remote import as_input, check_timeout, program_text, run_on_device
@@ -164,6 +165,16 @@ class Device:
     def remove(self, remote: str) -> None:
         with self._pool.lease() as channel:
             channel.request("remFile", {"file": remote})
+
+    # -- sharing ----------------------------------------------------------
+
+    def lease(self, owner: str | None = None, ttl: float = 60.0, wait: float = 0.0) -> Lease:
+        """Takes an exclusive lease on the device, to be used as a context
+        manager: renewed in the background while held, released on exit. A
+        holder that dies loses it `ttl` seconds after its last renewal.
+        `owner` defaults to "user@hostname pid N". DeviceBusy when another
+        holder still has it after `wait` seconds."""
+        return take(self, owner, ttl, wait)
 
     # -- settings and power -----------------------------------------------
 

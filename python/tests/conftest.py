@@ -34,6 +34,20 @@ def sandbox_helper() -> Path:
     return built
 
 
+def kolta_cli() -> Path:
+    """The built kolta: $KOLTA_CLI, else the one beside the sandbox helper's
+    build (build-test/cli/kolta)."""
+    given = os.environ.get("KOLTA_CLI")
+    if given:
+        if not os.access(given, os.X_OK):
+            pytest.fail(f"KOLTA_CLI={given} is not an executable")
+        return Path(given)
+    built = sandbox_helper().parents[1] / "cli" / "kolta"
+    if not os.access(built, os.X_OK):
+        pytest.skip(f"{built} is not built: run cmake --build build-test, or set KOLTA_CLI")
+    return built
+
+
 class Sandboxes:
     """Daemons in their sandboxes, up until stop()."""
 

@@ -132,10 +132,33 @@ bool Sandbox::start(const SandboxOptions& options) {
   // Everything the child needs is prepared before the fork.
   const std::string etc = dir_ + "/etc", etc_work = dir_ + "/etc.work";
   const std::string sbin = dir_ + "/sbin", sbin_work = dir_ + "/sbin.work";
-  const std::string daemon = options.daemon.empty() ? std::string(KOLTAD_PATH) : options.daemon;
+  std::string daemon = options.daemon;
+  if (daemon.empty()) {
+    const char* chosen = std::getenv("KOLTA_TEST_DAEMON");
+    daemon = chosen != nullptr && *chosen != '\0' ? chosen : KOLTAD_PATH;
+  }
+  const bool empty_root = !options.empty_root_shell.empty();
+  if (empty_root) {
+    // The sandbox's directory becomes the root: etc/kolta and sbin are
+    // already in place.
+    for (const char* sub : {"bin", "usr/sbin", "tmp", "dev"}) fs::create_directories(dir_ + "/" + sub, ec);
+    const auto copy = fs::copy_options::overwrite_existing;
+    if (!fs::copy_file(options.empty_root_shell, dir_ + "/bin/sh", copy, ec) ||
+        !fs::copy_file(daemon, dir_ + "/usr/sbin/koltad", copy, ec) ||
+        !write_file(dir_ + "/dev/null", "")) {
+      return fail("cannot make the root in " + dir_ + ": " + ec.message());
+    }
+    daemon = dir_ + "/usr/sbin/koltad";
+  }
   std::vector<std::string> args;
   if (options.emulator.empty()) {
     args.push_back(daemon);
+  } else if (empty_root) {
+    std::string program = find_program(options.emulator.front());
+    if (program.empty()) return fail("emulator not found: " + options.emulator.front());
+    args = options.emulator;
+    args.front() = program;
+    args.push_back("/usr/sbin/koltad");
   } else {
     // The emulator opens the daemon by path, and the daemon's own /tmp hides
     // a build under /tmp: a copy goes to the overlaid /usr/sbin instead.
@@ -185,9 +208,17 @@ bool Sandbox::start(const SandboxOptions& options) {
     if (::unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) die("sandbox: unshare");
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
       die("sandbox: private /");
-    if (!overlay("/etc", etc, etc_work)) die("sandbox: overlay /etc");
-    if (!overlay("/usr/sbin", sbin, sbin_work)) die("sandbox: overlay /usr/sbin");
-    if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) die("sandbox: tmpfs /tmp");
+    if (empty_root) {
+      if (::mount("tmpfs", (dir_ + "/tmp").c_str(), "tmpfs", 0, nullptr) != 0)
+        die("sandbox: tmpfs /tmp");
+      if (::mount("/dev/null", (dir_ + "/dev/null").c_str(), nullptr, MS_BIND, nullptr) != 0)
+        die("sandbox: /dev/null");
+      if (::chroot(dir_.c_str()) != 0) die("sandbox: chroot");
+    } else {
+      if (!overlay("/etc", etc, etc_work)) die("sandbox: overlay /etc");
+      if (!overlay("/usr/sbin", sbin, sbin_work)) die("sandbox: overlay /usr/sbin");
+      if (::mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) die("sandbox: tmpfs /tmp");
+    }
     if (::setsid() < 0) die("sandbox: setsid");
     ::dup2(out_log.get(), STDOUT_FILENO);
     int devnull = ::open("/dev/null", O_RDONLY);

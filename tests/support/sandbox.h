@@ -34,13 +34,20 @@ struct SandboxOptions {
   std::string config = "port=@PORT@\n";
   std::vector<std::string> args = {};  // extra daemon arguments
   bool wait_listening = true;          // start() waits for "Listening... "
-  // The daemon binary; empty for the one built with the tests.
+  // The daemon binary; empty for $KOLTA_TEST_DAEMON, or where that is not
+  // set, the one built with the tests.
   std::string daemon = {};
   // An emulator command that runs the daemon (for instance {"qemu-arm", "-L",
   // "/usr/arm-linux-gnueabihf"}), its first word a path or a name found by
   // PATH; empty to run the daemon directly. The emulator gets the daemon's
   // path inside the sandbox, then the daemon's arguments.
   std::vector<std::string> emulator = {};
+  // A statically linked shell: when given, the daemon runs in an otherwise
+  // empty root instead of the host's file system, one that holds only the
+  // daemon (/usr/sbin/koltad), this shell as /bin/sh, /etc/kolta with the
+  // configuration, the power stubs in /sbin, a private /tmp and /dev/null.
+  // The daemon and the emulator must then be static programs too.
+  std::string empty_root_shell = {};
 };
 
 class Sandbox {

@@ -1,7 +1,8 @@
 // kolta_sandbox: runs sandboxed daemons for tests written outside C++ (the
 // Python client's tests, command-line tests).
 //
-//   kolta_sandbox [--count N] [--port P] [--daemon PATH] [--emulator COMMAND] [--show-log]
+//   kolta_sandbox [--count N] [--port P] [--daemon PATH] [--emulator COMMAND]
+//                 [--empty-root SHELL] [--show-log]
 //
 // Starts N daemons (default 1), each in its own sandbox, and prints the TCP
 // port of each on its own line of standard output, in order. They run until
@@ -15,6 +16,8 @@
 //   kolta_sandbox --daemon build-armhf/server/koltad
 //                 --emulator "qemu-arm -L /usr/arm-linux-gnueabihf"
 // (one command line).
+// --empty-root runs each daemon in an otherwise empty root with SHELL, a
+// static shell, as its /bin/sh (a static daemon, and a static emulator).
 // --show-log writes each daemon's standard output and standard error to
 // standard error once all have stopped (a daemon that does not come up has
 // them in its error message anyway).
@@ -46,7 +49,8 @@ constexpr int kMaxCount = 32;
 
 int usage() {
   std::fputs(
-      "usage: kolta_sandbox [--count N] [--port P] [--daemon PATH] [--emulator COMMAND] [--show-log]\n"
+      "usage: kolta_sandbox [--count N] [--port P] [--daemon PATH] [--emulator COMMAND]\n"
+      "                     [--empty-root SHELL] [--show-log]\n"
       "       (1 <= N <= 32)\n",
       stderr);
   return 2;
@@ -126,6 +130,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--emulator" && i + 1 < argc) {
       options.emulator = split_words(argv[++i]);
       if (options.emulator.empty()) return usage();
+    } else if (arg == "--empty-root" && i + 1 < argc && argv[i + 1][0] != '\0') {
+      options.empty_root_shell = argv[++i];
     } else if (arg == "--show-log") {
       logs = true;
     } else {
