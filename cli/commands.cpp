@@ -326,7 +326,7 @@ std::string parse_command_args(const command_spec& spec, std::span<char* const> 
 
 void print_overview(std::FILE* out) {
   std::fputs(
-      "usage: kolta [-H host[,host...]] [-p port] [-t seconds] COMMAND [ARGS...]\n"
+      "usage: kolta [-H host[,host...]] [-p port] [-t seconds] [-n] COMMAND [ARGS...]\n"
       "       kolta --help | --version | help COMMAND\n"
       "\n"
       "Drives koltad, the process manager of a device, over TCP.\n"

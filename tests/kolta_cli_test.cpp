@@ -34,7 +34,7 @@ std::ostream& operator<<(std::ostream& os, const run_result& r) {
 }
 
 struct run_options {
-  std::vector<std::string> env;  // NAME=VALUE added to the environment
+  std::vector<std::string> env = {};  // NAME=VALUE added to the environment
   long file_size_limit = -1;     // RLIMIT_FSIZE for kolta, with SIGXFSZ ignored
   std::string input_file = "/dev/null";  // kolta's standard input
 };

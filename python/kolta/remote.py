@@ -253,6 +253,7 @@ class _Run:
         self.stdin = stdin
         self.timeout = timeout
         self.files = _Files.new()
+        self.sent = False  # a request has gone out
 
     def run(self) -> Result:
         deadline = None if self.timeout is None else time.monotonic() + self.timeout
@@ -261,7 +262,8 @@ class _Run:
             result = self._run_on(channel, deadline)
         except BaseException:
             channel.close()
-            self._tidy()
+            if self.sent:  # else nothing reached the device
+                self._tidy()
             raise
         self.pool.give_back(channel)
         return result
@@ -273,6 +275,7 @@ class _Run:
             uploads.append(_put(f.stdin, self.stdin))
         for upload in uploads:  # a body ends its batch
             channel.send([upload])
+            self.sent = True
             reply = channel.receive("putFile")
             if reply.failed:
                 self._remove_all(channel)
@@ -281,19 +284,20 @@ class _Run:
         channel.send(
             [Outgoing("execute", {"cmd": SHELL, "args": f.script, "timeout": limit}), _remove(f.marker)]
         )
-        stopped = False
+        overdue = False
         try:
             reply = channel.receive("execute", deadline=deadline, patient=deadline is None)
         except ReplyOverdue:
-            stopped = self._stop()
+            overdue = True
+            self._stop()
             reply = channel.receive("execute", patient=True)
         by_trap = not channel.receive("remFile").failed
-        if stopped and not by_trap:
-            ending = _Ending()
-        else:
-            ending = _ending(reply, by_trap)
+        # Stopped, or kept from starting: the trap did not run. (Had it run,
+        # the command ended by itself just as its time was up.)
+        cut_short = overdue and not by_trap
+        ending = _Ending() if cut_short else _ending(reply, by_trap)
         stdout, stderr, status = self._collect(channel, ending)
-        if stopped and not by_trap:
+        if cut_short:
             assert self.timeout is not None
             raise CommandTimeout(self.label, self.timeout, Result(stdout, stderr, None))
         return Result(stdout=stdout, stderr=stderr, returncode=status)
@@ -303,7 +307,8 @@ class _Run:
         waits for its Data reply in the daemon, so a second or third one
         goes out at the same time on a connection of its own."""
         f = self.files
-        fetches = [name for name, wanted in ((f.stdout, ending.has_stdout), (f.stderr, ending.has_stderr), (f.status, ending.status_file)) if wanted]
+        wanted = ((f.stdout, ending.has_stdout), (f.stderr, ending.has_stderr), (f.status, ending.status_file))
+        fetches = [name for name, fetch in wanted if fetch]
         others = [name for name in (f.script, f.stdout, f.stderr) if name not in fetches]
         if self.stdin is not None:
             others.append(f.stdin)
