@@ -8,11 +8,18 @@ pytest-xdist that is one device, with `-n N` one per worker, each a
 different one. Two runs on one pool (or one host) therefore never use a
 device at the same moment: a run that finds every device held waits
 --kolta-pool-wait seconds, then its tests error, listing the holders.
---kolta-no-lease uses the host without a lease."""
+--kolta-no-lease uses the host without a lease.
+
+The header names the device. xdist's workers print no header of their own:
+each writes its device's line to a folder the controller names in its
+workerinput, and the controller prints it, "kolta: [gw0] device ...", as the
+worker reports ready."""
 
 from __future__ import annotations
 
 import os
+import shutil
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -123,13 +130,19 @@ class _Holder:
 
 
 _KEY = pytest.StashKey[_Holder]()
+# The controller's folder for its workers' device lines.
+_WORKER_LINES = pytest.StashKey[str]()
+_WORKER_LINES_INPUT = "kolta_device_lines"
 
 
 def pytest_configure(config: pytest.Config) -> None:
     holder = _Holder(config)
     if _is_xdist_controller(config):
         if holder.pool is not None or holder.device is None or not holder.leasing:
-            return  # each worker leases a device of the pool for itself
+            # each worker leases a device of the pool for itself
+            if holder.pool is not None:
+                config.stash[_WORKER_LINES] = tempfile.mkdtemp(prefix="kolta-xdist-")
+            return
         # One host for every worker: the controller leases it and hands the
         # token to the workers, which take that lease as their own.
         holder.start()
@@ -143,13 +156,44 @@ def pytest_sessionstart(session: pytest.Session) -> None:
     holder = session.config.stash.get(_KEY, None)
     if holder is not None and not _is_xdist_controller(session.config):
         holder.start()
+        folder = getattr(session.config, "workerinput", {}).get(_WORKER_LINES_INPUT)
+        line = holder.header()
+        if folder and line:
+            worker = session.config.workerinput["workerid"]  # type: ignore[attr-defined]
+            Path(folder, worker).write_text(line.removeprefix("kolta: "))
+
+
+@pytest.hookimpl(optionalhook=True)
+def pytest_configure_node(node) -> None:  # type: ignore[no-untyped-def]
+    folder = node.config.stash.get(_WORKER_LINES, None)
+    if folder:
+        node.workerinput[_WORKER_LINES_INPUT] = folder
+
+
+@pytest.hookimpl(optionalhook=True, trylast=True)
+def pytest_testnodeready(node) -> None:  # type: ignore[no-untyped-def]
+    folder = node.config.stash.get(_WORKER_LINES, None)
+    reporter = node.config.pluginmanager.get_plugin("terminalreporter")
+    if not folder or reporter is None:
+        return
+    worker = node.gateway.id
+    try:
+        line = Path(folder, worker).read_text()
+    except OSError:
+        line = "no device line"
+    line = f"kolta: [{worker}] {line}"
+    if reporter.isatty:  # over xdist's status line, which it writes again
+        reporter.rewrite(line, erase=True)
+        reporter.write("\n")
+    else:
+        reporter.write_line(line)
 
 
 def pytest_report_header(config: pytest.Config) -> str | None:
     holder = config.stash.get(_KEY, None)
     if holder is None and _is_xdist_controller(config):
         if config.getoption("kolta_pool") or os.environ.get("KOLTA_POOL"):
-            return "kolta: each xdist worker leases a device of the pool"
+            return "kolta: each xdist worker leases a device of the pool (named as it starts)"
     return holder.header() if holder is not None else None
 
 
@@ -157,6 +201,9 @@ def pytest_unconfigure(config: pytest.Config) -> None:
     holder = config.stash.get(_KEY, None)
     if holder is not None:
         holder.stop()
+    folder = config.stash.get(_WORKER_LINES, None)
+    if folder:
+        shutil.rmtree(folder, ignore_errors=True)
 
 
 def _holder(request: pytest.FixtureRequest) -> _Holder:

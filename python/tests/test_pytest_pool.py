@@ -74,6 +74,12 @@ def test_two_xdist_runs_share_the_pool_without_overlap(pool: str, tmp_path: Path
     for run_no in "01":
         workers = {e["pid"]: e["device"] for e in entries if e["run"] == run_no}
         assert len(set(workers.values())) == len(workers)  # each worker its own device
+        # the controller names each worker's device as the worker starts
+        out = outputs[int(run_no)]
+        named = {int(line.split("device 127.0.0.1:")[1].split()[0])
+                 for line in out.splitlines() if line.startswith(("kolta: [gw0] device", "kolta: [gw1] device"))}
+        assert named == set(workers.values()), out
+        assert "kolta: each xdist worker leases a device of the pool" in out
 
 
 def test_header_names_the_device_and_a_full_pool_errors_listing_holders(
