@@ -57,6 +57,7 @@ case "$system" in
 debian)
   ensure_packages qemu-system-x86 mmdebstrap e2fsprogs ||
     skip "cannot install qemu-system-x86 and mmdebstrap"
+  ensure_packages ansible-core || { echo "cannot install ansible-core" >&2; exit 1; }
   command -v qemu-system-x86_64 >/dev/null || skip "qemu-system-x86 installed no qemu-system-x86_64"
   build_host_side
   dir=$vm/debian
@@ -69,7 +70,7 @@ debian)
   rm -f "$serial"
   echo "-- booting (TCG; serial console in $serial)"
   exec /usr/bin/python3 vm/checks.py --system debian --kolta "$kolta" --port "$port" \
-    --serial "$serial" --disk --exit-policy stays -- \
+    --serial "$serial" --disk --ansible --exit-policy stays -- \
     qemu-system-x86_64 -machine q35,accel=tcg -cpu max -smp 2 -m 1024 \
     -display none -monitor none -chardev "file,id=console,path=$serial,append=on" -serial chardev:console \
     -kernel "$dir/vmlinuz" -initrd "$dir/initrd.img" \

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Makes the Debian 12 test system: a root file system from Debian's packages
-# (mmdebstrap: the kernel, systemd as init, networkd for DHCP), with the
-# project's package installed by dpkg -i and its unit enabled as the README
-# tells a user to, written to an ext4 disk image without mounting anything
+# (mmdebstrap: the kernel, systemd as init, networkd for DHCP, python3 for
+# Ansible's modules; no D-Bus, as on many device images), with the project's
+# package installed by dpkg -i and its unit enabled as the README tells a
+# user to, written to an ext4 disk image without mounting anything
 # (mke2fs -d).
 #
 #   vm/debian-image.sh DIR DEB
@@ -37,7 +38,7 @@ if [ "$(cat "$dir/root.stamp" 2>/dev/null)" != "$stamp" ]; then
   # Exit status 77 when Debian's packages cannot be had: run-vm.sh then skips.
   trap 'echo "mmdebstrap failed" >&2; exit 77' ERR
   mmdebstrap --variant=minbase --mode=root --quiet \
-    --include=linux-image-amd64,initramfs-tools,systemd-sysv,udev \
+    --include=linux-image-amd64,initramfs-tools,systemd-sysv,udev,python3 \
     --skip=download/empty --skip=essential/unlink \
     --setup-hook='mkdir -p "$1"/var/cache/apt/archives' \
     --setup-hook="sync-in $cache /var/cache/apt/archives/" \
