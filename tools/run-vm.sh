@@ -53,6 +53,18 @@ port_free() {
   ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
 }
 
+# After an image recipe ended with STATUS: skips with WHY when it could not
+# download (77), stops on another failure, else checks the port and names
+# the serial log ($serial) of the boot that follows.
+image_made() {
+  [ "$1" -ne 77 ] || skip "$2"
+  [ "$1" -eq 0 ] || exit "$1"
+  port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
+  serial=$dir/serial.log
+  rm -f "$serial"
+  echo "-- booting (TCG; serial console in $serial)"
+}
+
 case "$system" in
 debian)
   ensure_packages qemu-system-x86 mmdebstrap e2fsprogs ||
@@ -63,12 +75,7 @@ debian)
   dir=$vm/debian
   status=0
   vm/debian-image.sh "$dir" "$(ls "$vm"/package/koltad_*_amd64.deb)" || status=$?
-  [ "$status" -ne 77 ] || skip "cannot download Debian's packages for the image"
-  [ "$status" -eq 0 ] || exit "$status"
-  port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
-  serial=$dir/serial.log
-  rm -f "$serial"
-  echo "-- booting (TCG; serial console in $serial)"
+  image_made "$status" "cannot download Debian's packages for the image"
   exec /usr/bin/python3 vm/checks.py --system debian --kolta "$kolta" --port "$port" \
     --serial "$serial" --disk --ansible --exit-policy stays -- \
     qemu-system-x86_64 -machine q35,accel=tcg -cpu max -smp 2 -m 1024 \
@@ -96,12 +103,7 @@ busybox-armhf | busybox-arm64)
   dir=$vm/$system
   status=0
   vm/busybox-image.sh "$arch" "$dir" "$(ls dist/kolta-*-"$arch".tar.gz | tail -n1)" || status=$?
-  [ "$status" -ne 77 ] || skip "cannot download Debian's kernel and BusyBox for $arch"
-  [ "$status" -eq 0 ] || exit "$status"
-  port_free "$port" || { echo "port $port is in use (set KOLTA_VM_PORT)" >&2; exit 1; }
-  serial=$dir/serial.log
-  rm -f "$serial"
-  echo "-- booting (TCG; serial console in $serial)"
+  image_made "$status" "cannot download Debian's kernel and BusyBox for $arch"
   exec /usr/bin/python3 vm/checks.py --system "$system" --kolta "$kolta" --port "$port" \
     --serial "$serial" --remote /tmp/kolta-vm-put.bin --exit-policy returns -- \
     "${qemu[@]}" -smp 2 -m 512 \
