@@ -7,7 +7,7 @@ from contextlib import contextmanager
 
 from kolta.device import DEFAULT_PORT, Device
 from kolta.errors import KoltaError
-from kolta.group import parse_host
+from kolta.group import devices_by_entry
 from kolta.lease import Backoff, DeviceBusy, Lease, default_owner, holder_text, show, try_take
 
 
@@ -17,14 +17,7 @@ class DevicePool:
     entries waits for it, since the lease lives on the device."""
 
     def __init__(self, hosts: Iterable[str], port: int = DEFAULT_PORT, timeout: float = 30.0) -> None:
-        self.devices: dict[str, Device] = {}
-        for entry in hosts:
-            entry = entry.strip()
-            if entry:
-                host, host_port = parse_host(entry, port)
-                self.devices[entry] = Device(host, host_port, timeout)
-        if not self.devices:
-            raise ValueError("DevicePool needs at least one host")
+        self.devices = devices_by_entry(hosts, port, timeout, "DevicePool")
 
     def __len__(self) -> int:
         return len(self.devices)

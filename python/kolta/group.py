@@ -27,18 +27,27 @@ def parse_host(entry: str, default_port: int) -> tuple[str, int]:
     return entry, default_port
 
 
+def devices_by_entry(hosts: Iterable[str], port: int, timeout: float, what: str) -> dict[str, Device]:
+    """A Device for each host entry ("host", "host:port", "[v6]:port"; blank
+    entries are left out), keyed by the entry; ValueError when none is left."""
+    devices: dict[str, Device] = {}
+    for entry in hosts:
+        entry = entry.strip()
+        if entry:
+            host, host_port = parse_host(entry, port)
+            devices[entry] = Device(host, host_port, timeout)
+    if not devices:
+        raise ValueError(f"{what} needs at least one host")
+    return devices
+
+
 class DeviceGroup:
     """Many devices, each named by its entry in `hosts`. The calls run on
     every device in parallel and return a dict from entry to the call's
     result, or to the exception that the call raised on that device."""
 
     def __init__(self, hosts: Iterable[str], port: int = DEFAULT_PORT, timeout: float = 30.0) -> None:
-        self.devices: dict[str, Device] = {}
-        for entry in hosts:
-            host, host_port = parse_host(entry, port)
-            self.devices[entry] = Device(host, host_port, timeout)
-        if not self.devices:
-            raise ValueError("DeviceGroup needs at least one host")
+        self.devices = devices_by_entry(hosts, port, timeout, "DeviceGroup")
 
     def __len__(self) -> int:
         return len(self.devices)

@@ -54,6 +54,7 @@ options:
 import os
 import sys
 import tempfile
+from contextlib import contextmanager
 
 from ansible.errors import AnsibleConnectionFailure, AnsibleError, AnsibleFileNotFound
 from ansible.module_utils.common.text.converters import to_bytes, to_text
@@ -131,15 +132,22 @@ class Connection(ConnectionBase):
                 f.write(self._lease.token)
         display.vvv(f"KOLTA LEASE {self._lease.token} as {owner!r}", host=self._device.host)
 
-    def exec_command(self, cmd, in_data=None, sudoable=True):
-        super().exec_command(cmd, in_data=in_data, sudoable=sudoable)
-        display.vvv(f"KOLTA EXEC {cmd}", host=self._device.host)
+    @contextmanager
+    def _failures(self, what):
+        """A lost or refused connection is UNREACHABLE; another error of the
+        client fails the task, saying `what` was being done."""
         try:
-            result = self._device.run(to_bytes(cmd, errors="surrogate_or_strict"), input=in_data)
+            yield
         except kolta.ConnectionFailed as e:
             raise AnsibleConnectionFailure(f"kolta: {e}") from e
         except kolta.KoltaError as e:
-            raise AnsibleError(f"kolta: {self._where()}: {e}") from e
+            raise AnsibleError(f"kolta: {self._where()}: {what}{e}") from e
+
+    def exec_command(self, cmd, in_data=None, sudoable=True):
+        super().exec_command(cmd, in_data=in_data, sudoable=sudoable)
+        display.vvv(f"KOLTA EXEC {cmd}", host=self._device.host)
+        with self._failures(""):
+            result = self._device.run(to_bytes(cmd, errors="surrogate_or_strict"), input=in_data)
         rc = result.returncode
         if rc is not None and rc < 0:
             rc = 128 - rc  # ended by a signal, as a shell reports it
@@ -150,22 +158,14 @@ class Connection(ConnectionBase):
         display.vvv(f"KOLTA PUT {in_path} TO {out_path}", host=self._device.host)
         if not os.path.exists(to_bytes(in_path, errors="surrogate_or_strict")):
             raise AnsibleFileNotFound(f"file or module does not exist: {to_text(in_path)}")
-        try:
+        with self._failures(f"cannot put {out_path}: "):
             self._device.put(in_path, out_path)
-        except kolta.ConnectionFailed as e:
-            raise AnsibleConnectionFailure(f"kolta: {e}") from e
-        except kolta.KoltaError as e:
-            raise AnsibleError(f"kolta: {self._where()}: cannot put {out_path}: {e}") from e
 
     def fetch_file(self, in_path, out_path):
         super().fetch_file(in_path, out_path)
         display.vvv(f"KOLTA FETCH {in_path} TO {out_path}", host=self._device.host)
-        try:
+        with self._failures(f"cannot fetch {in_path}: "):
             self._device.get(in_path, out_path)
-        except kolta.ConnectionFailed as e:
-            raise AnsibleConnectionFailure(f"kolta: {e}") from e
-        except kolta.KoltaError as e:
-            raise AnsibleError(f"kolta: {self._where()}: cannot fetch {in_path}: {e}") from e
 
     def reset(self):
         self.close()
